@@ -1,0 +1,64 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <utility>
+
+namespace tarvik {
+
+/// Owns one file descriptor; -1 means none. Errors of close are ignored.
+class TDescriptor {
+public:
+    explicit TDescriptor(int fd = -1) noexcept : fd_(fd) { }
+    TDescriptor(TDescriptor&& other) noexcept : fd_(other.release()) { }
+    TDescriptor& operator=(TDescriptor&& other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    ~TDescriptor() { reset(); }
+
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    int release() noexcept { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) noexcept;
+
+private:
+    int fd_;
+};
+
+/// Where a path leads, as the *at() calls take it. The name borrows from the path.
+struct PathAt {
+    int directory;
+    const char* name;
+};
+
+/**
+ * Keeps the directory of the last path open, so that a run of paths in one directory is resolved
+ * once and not once for each.
+ */
+class LastDirectory {
+public:
+    /**
+     * @return the last component in its open directory, valid until the next call; the whole path
+     *         where that would not do, so that the call made with it meets and reports what is
+     * wrong.
+     */
+    PathAt at(const std::string& path);
+
+private:
+    std::string directory_;
+    TDescriptor descriptor_;
+};
+
+/// @return everything left in `in`; empty when nothing is left.
+std::string readFile(std::istream& in);
+
+/**
+ * @param path  the file to read, in binary mode.
+ * @return its whole content.
+ * @throws SystemError (or ExSystemError<N>) when the file cannot be opened or read.
+ */
+std::string readFile(const std::string& path);
+
+}  // namespace tarvik
