@@ -1,0 +1,355 @@
+#include "common/xml.h"
+
+#include <libxml/SAX2.h>
+#include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <utility>
+
+namespace tarvik {
+
+namespace {
+
+// A tree node takes up to some 250 bytes with what hangs on it.
+constexpr std::size_t kMaxTreeNodes = 100'000;
+constexpr std::size_t kMaxTreeBytes = 16 * 1024 * 1024;
+// The parser's work on one tag grows with the square of its attributes, its work on any tag with
+// the namespaces in scope and the attribute defaults declared: all three are kept small.
+constexpr std::size_t kMaxBytesBetweenEvents = 64 * 1024;
+constexpr std::size_t kMaxNamespaces = 64;
+constexpr std::size_t kMaxDeclarations = 1'000;
+constexpr int kMaxTextDepth = 2'000;
+
+std::string_view view(const xmlChar* text)
+{
+    return text == nullptr ? std::string_view() : reinterpret_cast<const char*>(text);
+}
+
+struct FreeParserContext {
+    void operator()(xmlParserCtxt* context) const noexcept
+    {
+        xmlFreeDoc(context->myDoc);  // the context does not own it, and a refused tree is nobody's
+        context->myDoc = nullptr;
+        xmlFreeParserCtxt(context);
+    }
+};
+using ParserContext = std::unique_ptr<xmlParserCtxt, FreeParserContext>;
+
+/// One reading: feeds the parser, counts what the document costs, and ends it when it is too much.
+class Reading {
+public:
+    Reading(XmlSource source, const xmlSAXHandler& handler, int options, XmlVisitor* visitor)
+        : source_(std::move(source)), handler_(handler), visitor_(visitor)
+    {
+        context_.reset(xmlCreateIOParserCtxt(&handler_, nullptr, read_some, nullptr, this,
+                                             XML_CHAR_ENCODING_NONE));
+        if (!context_)
+            throw std::bad_alloc();
+        context_->_private = this;
+        xmlCtxtUseOptions(context_.get(),
+                          options | XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    }
+
+    XmlEnd run()
+    {
+        if (!refused_)
+            xmlParseDocument(context_.get());
+        if (failure_)
+            std::rethrow_exception(failure_);
+        if (stopped_)
+            return XmlEnd::Stopped;
+        return context_->wellFormed != 0 && !refused_ ? XmlEnd::WellFormed : XmlEnd::Malformed;
+    }
+
+    XmlDoc take_tree() { return XmlDoc(std::exchange(context_->myDoc, nullptr)); }
+
+    static Reading& of(void* context)
+    {
+        return *static_cast<Reading*>(static_cast<xmlParserCtxt*>(context)->_private);
+    }
+
+    /// Every event comes through here. @return false when the document has become too expensive.
+    bool event(std::size_t nodes = 0, std::size_t namespaces = 0, std::size_t declarations = 0)
+    {
+        bytesSinceEvent_ = 0;
+        nodes_ += visitor_ == nullptr ? nodes : 0;  // a visitor's nodes are not kept
+        namespaces_ += namespaces;
+        declarations_ += declarations;
+        if (nodes_ > kMaxTreeNodes || namespaces_ > kMaxNamespaces
+            || declarations_ > kMaxDeclarations) {
+            refused_ = true;
+            xmlStopParser(context_.get());
+        }
+        return !refused_;
+    }
+
+    /// Hands one event to the visitor. Nothing may unwind through the library.
+    template <class Call>
+    void visit(Call call)
+    {
+        if (!event() || failure_)
+            return;
+        try {
+            call(*visitor_);
+        } catch (...) {
+            failure_ = std::current_exception();
+            xmlStopParser(context_.get());
+        }
+    }
+
+    void stop()
+    {
+        stopped_ = true;
+        xmlStopParser(context_.get());
+    }
+
+private:
+    static int read_some(void* self, char* buffer, int size)
+    {
+        return static_cast<Reading*>(self)->read_some(buffer, size);
+    }
+
+    int read_some(char* buffer, int size)
+    {
+        const int count = source_(buffer, size);
+        if (count > 0) {
+            bytes_ += static_cast<std::size_t>(count);
+            bytesSinceEvent_ += static_cast<std::size_t>(count);
+        }
+        refused_ = refused_ || count < 0 || bytesSinceEvent_ > kMaxBytesBetweenEvents
+            || (visitor_ == nullptr && bytes_ > kMaxTreeBytes);
+        return refused_ ? -1 : count;
+    }
+
+    XmlSource source_;
+    xmlSAXHandler handler_;
+    XmlVisitor* visitor_;
+    std::size_t bytes_ = 0;
+    std::size_t bytesSinceEvent_ = 0;
+    std::size_t nodes_ = 0;
+    std::size_t namespaces_ = 0;
+    std::size_t declarations_ = 0;
+    bool refused_ = false;
+    bool stopped_ = false;
+    std::exception_ptr failure_;
+    ParserContext context_;
+};
+
+/// The library's tree builder, each step counted first.
+xmlSAXHandler tree_handler()
+{
+    xmlSAXHandler sax = {};
+    xmlSAXVersion(&sax, 2);
+    sax.startElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
+                            const xmlChar* uri, int namespaceCount, const xmlChar** namespaces,
+                            int attributeCount, int defaultedCount, const xmlChar** attributes) {
+        // An attribute is a node and holds one.
+        const auto nodes = 1 + 2 * static_cast<std::size_t>(attributeCount);
+        if (Reading::of(context).event(nodes, static_cast<std::size_t>(namespaceCount)))
+            xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces,
+                                  attributeCount, defaultedCount, attributes);
+    };
+    sax.characters = [](void* context, const xmlChar* text, int length) {
+        if (Reading::of(context).event(1))
+            xmlSAX2Characters(context, text, length);
+    };
+    sax.ignorableWhitespace = sax.characters;
+    sax.cdataBlock = [](void* context, const xmlChar* text, int length) {
+        if (Reading::of(context).event(1))
+            xmlSAX2CDataBlock(context, text, length);
+    };
+    sax.reference = [](void* context, const xmlChar* name) {
+        if (Reading::of(context).event(1))
+            xmlSAX2Reference(context, name);
+    };
+    sax.comment = [](void* context, const xmlChar*) { Reading::of(context).event(); };
+    sax.processingInstruction = [](void* context, const xmlChar*, const xmlChar*) {
+        Reading::of(context).event();
+    };
+    sax.entityDecl = [](void* context, const xmlChar* name, int type, const xmlChar* publicId,
+                        const xmlChar* systemId, xmlChar* content) {
+        if (Reading::of(context).event(1, 0, 1))
+            xmlSAX2EntityDecl(context, name, type, publicId, systemId, content);
+    };
+    sax.attributeDecl = [](void* context, const xmlChar* element, const xmlChar* name, int type,
+                           int def, const xmlChar* value, xmlEnumeration* tree) {
+        if (Reading::of(context).event(1, 0, 1))
+            xmlSAX2AttributeDecl(context, element, name, type, def, value, tree);
+        else
+            xmlFreeEnumeration(tree);
+    };
+    sax.elementDecl = [](void* context, const xmlChar* name, int type, xmlElementContent* content) {
+        if (Reading::of(context).event(1, 0, 1))
+            xmlSAX2ElementDecl(context, name, type, content);
+    };
+    return sax;
+}
+
+/// Passes the document on to a visitor; builds nothing.
+xmlSAXHandler visitor_handler()
+{
+    xmlSAXHandler sax = {};
+    sax.initialized = XML_SAX2_MAGIC;
+    sax.internalSubset = [](void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+        Reading& reading = Reading::of(context);
+        reading.visit([&reading](XmlVisitor& visitor) {
+            if (!visitor.document_type())
+                reading.stop();
+        });
+    };
+    sax.startElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
+                            const xmlChar* uri, int namespaceCount, const xmlChar**,
+                            int attributeCount, int, const xmlChar** attributes) {
+        Reading& reading = Reading::of(context);
+        if (!reading.event(0, static_cast<std::size_t>(namespaceCount)))
+            return;
+        reading.visit([&](XmlVisitor& visitor) {
+            // Without a declaration the prefix is part of the name.
+            const bool unresolved = prefix != nullptr && uri == nullptr;
+            const std::string qualified =
+                unresolved ? std::string(view(prefix)) + ":" + std::string(view(name)) : "";
+            visitor.start_element(unresolved ? qualified : view(name),
+                                  XmlAttributes(attributes, attributeCount));
+        });
+    };
+    sax.endElementNs = [](void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+        Reading::of(context).visit([](XmlVisitor& visitor) { visitor.end_element(); });
+    };
+    sax.characters = [](void* context, const xmlChar* text, int length) {
+        Reading::of(context).visit([text, length](XmlVisitor& visitor) {
+            visitor.text({reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
+        });
+    };
+    sax.ignorableWhitespace = sax.characters;
+    sax.cdataBlock = sax.characters;
+    sax.comment = [](void* context, const xmlChar*) {
+        Reading::of(context).visit([](XmlVisitor& visitor) { visitor.other_node(); });
+    };
+    sax.processingInstruction = [](void* context, const xmlChar*, const xmlChar*) {
+        Reading::of(context).visit([](XmlVisitor& visitor) { visitor.other_node(); });
+    };
+    return sax;
+}
+
+/// Joins the text of a list of siblings. Entities may name each other, so the depth is bounded too.
+void append_text(std::string& text, const xmlNode* node, XmlBudget& budget, int depth = 0)
+{
+    if (depth > kMaxTextDepth)
+        throw XmlBudgetExceeded();
+    for (; node != nullptr; node = node->next) {
+        budget.spend(1);
+        switch (node->type) {
+        case XML_TEXT_NODE:
+        case XML_CDATA_SECTION_NODE:
+            budget.spend(view(node->content).size());
+            text += view(node->content);
+            break;
+        case XML_ENTITY_REF_NODE:
+            if (const xmlEntity* const entity = xmlGetDocEntity(node->doc, node->name))
+                append_text(text, entity->children, budget, depth + 1);
+            break;
+        case XML_ELEMENT_NODE:
+            append_text(text, node->children, budget, depth + 1);
+            break;
+        default:
+            break;
+        }
+    }
+}
+
+}  // namespace
+
+void XmlBudget::spend(std::size_t units)
+{
+    if (units > left_)
+        throw XmlBudgetExceeded();
+    left_ -= units;
+}
+
+XmlSilence::XmlSilence()
+    : errorContext_(xmlStructuredErrorContext),
+      errorHandler_(reinterpret_cast<void (*)()>(xmlStructuredError)),
+      entityLoader_(reinterpret_cast<void (*)()>(xmlGetExternalEntityLoader()))
+{
+    xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
+    xmlSetExternalEntityLoader(
+        [](const char*, const char*, xmlParserCtxt*) -> xmlParserInput* { return nullptr; });
+}
+
+XmlSilence::~XmlSilence()
+{
+    xmlSetExternalEntityLoader(reinterpret_cast<xmlExternalEntityLoader>(entityLoader_));
+    xmlSetStructuredErrorFunc(errorContext_,
+                              reinterpret_cast<xmlStructuredErrorFunc>(errorHandler_));
+}
+
+void FreeXmlDoc::operator()(_xmlDoc* document) const noexcept
+{
+    xmlFreeDoc(document);
+}
+
+XmlDoc read_xml_tree(XmlSource source)
+{
+    const XmlSilence silence;
+    Reading reading(std::move(source), tree_handler(), 0, nullptr);
+    return reading.run() == XmlEnd::WellFormed ? reading.take_tree() : nullptr;
+}
+
+XmlSource xml_source(std::string_view text)
+{
+    return [text](char* buffer, int size) mutable {
+        const std::size_t count = std::min(text.size(), static_cast<std::size_t>(size));
+        std::memcpy(buffer, text.data(), count);
+        text.remove_prefix(count);
+        return static_cast<int>(count);
+    };
+}
+
+std::string xml_text(const _xmlNode* node, XmlBudget& budget)
+{
+    std::string text;
+    if (node != nullptr)
+        append_text(text, node->children, budget);
+    return text;
+}
+
+std::optional<std::string> xml_attribute(const _xmlNode* element, const char* name,
+                                         XmlBudget& budget)
+{
+    for (const xmlAttr* attribute = element->properties; attribute != nullptr;
+         attribute = attribute->next) {
+        if (attribute->ns == nullptr && view(attribute->name) == name) {
+            std::string value;
+            append_text(value, attribute->children, budget);
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string_view> XmlAttributes::find(std::string_view name) const
+{
+    // Five pointers an attribute: local name, prefix, URI, start and end of the value.
+    for (const xmlChar** attribute = values_; attribute != values_ + 5 * count_; attribute += 5) {
+        if (attribute[1] == nullptr && view(attribute[0]) == name) {
+            const char* const value = reinterpret_cast<const char*>(attribute[3]);
+            return std::string_view(value, static_cast<std::size_t>(attribute[4] - attribute[3]));
+        }
+    }
+    return std::nullopt;
+}
+
+XmlEnd visit_xml(XmlSource source, XmlVisitor& visitor)
+{
+    const XmlSilence silence;
+    Reading reading(std::move(source), visitor_handler(), XML_PARSE_NOENT, &visitor);
+    return reading.run();
+}
+
+}  // namespace tarvik
