@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+struct _xmlDoc;
+struct _xmlXPathContext;
+struct _xmlXPathObject;
+
+namespace tarvik {
+
+/// One URL mapping of a package: which directory of the package answers under which URL, and how.
+class FSAMetaDataWebContent {
+public:
+    /// What PHP does in the mapping. Extensions are as the package writes them, without a dot.
+    struct PHPHandler {
+        using extension = std::string;
+        bool disabled = false;
+        std::list<extension> extensions;
+    };
+    /// What CGI does in the mapping. At most one of the flags is set; with either no extensions.
+    struct CGIHandler {
+        using extension = std::string;
+        bool allFiles = false;
+        bool disabled = false;
+        std::list<extension> extensions;
+    };
+
+    FSAMetaDataWebContent() = default;
+    FSAMetaDataWebContent(const FSAMetaDataWebContent&) = default;
+    FSAMetaDataWebContent(FSAMetaDataWebContent&&) = default;
+    /**
+     * Copies path, url, depth, reserved and writable only: the handlers and the redirect target
+     * stay as they are. A full copy is what the copy constructor makes.
+     */
+    FSAMetaDataWebContent& operator=(const FSAMetaDataWebContent& other);
+    ~FSAMetaDataWebContent() = default;
+
+    /// By depth alone.
+    bool operator<(const FSAMetaDataWebContent& other) const { return depth < other.depth; }
+
+    std::string path;           ///< directory in the package, beginning with "/"; empty: a redirect
+    std::string url;            ///< beginning with "/"
+    std::int32_t reserved = 0;  ///< copied along; always 0
+    bool writable = false;      ///< PHP wants to write here
+    std::int32_t depth = 0;     ///< number of "/" in url
+    std::list<PHPHandler> phpHandlers;  ///< in document order
+    std::list<CGIHandler> cgiHandlers;  ///< in document order
+    std::string redirect;               ///< target of a redirecting mapping, else empty
+};
+
+/// The contents of a package's metadata file, read once.
+class FSAMetaDataReader {
+public:
+    /**
+     * @param fileName  a local file, whatever it is called; it may be hostile and is read with
+     * little memory and time.
+     * @throws FSAXMLException when the file cannot be read, is not well-formed, costs too much to
+     *         read or lacks a required element.
+     */
+    explicit FSAMetaDataReader(const std::string& fileName);
+
+    /// The URL mappings, shallow ones first; of equal depth, later ones of the file first.
+    const std::list<FSAMetaDataWebContent>& webContents() const { return webContents_; }
+    const std::string& name() const { return name_; }
+    const std::string& version() const { return version_; }
+    const std::string& release() const { return release_; }
+    /// Empty when the package names none.
+    const std::string& configurationScriptLanguage() const { return scriptLanguage_; }
+    /// Version of the packaging standard, "1.0" unless the package names another.
+    const std::string& packagingVersion() const { return packagingVersion_; }
+
+private:
+    struct urlMappingItem;
+
+    void read(_xmlDoc& document);
+    static std::list<urlMappingItem> getUrlMappings(_xmlXPathContext* context,
+                                                    const _xmlXPathObject& mappings,
+                                                    const std::string& parentPath,
+                                                    const std::string& parentUrl);
+
+    std::list<FSAMetaDataWebContent> webContents_;
+    std::string name_;
+    std::string version_;
+    std::string release_;
+    std::string scriptLanguage_;
+    std::string packagingVersion_;
+};
+
+/// @return `text` without any "/" at its end.
+std::string remove_trailing_slashes(std::string text);
+/// @return `text` without any "/" at its start.
+std::string remove_starting_slashes(std::string text);
+
+}  // namespace tarvik
