@@ -1,0 +1,485 @@
+#include "app/FileList.h"
+
+#include "common/UtilityErrorStream.h"
+#include "common/misc.h"
+#include "common/xml.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/format.hpp>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+#include <tuple>
+
+namespace fs = boost::filesystem;
+
+const char* const skeldir[] = {"httpdocs",   "conf",       "cgi-bin", "anon_ftp",
+                               "error_docs", "statistics", nullptr};
+
+namespace tarvik {
+
+namespace {
+
+constexpr char kDocumentRoot[] = "httpdocs";
+constexpr char kCgiBin[] = "cgi-bin";
+constexpr char kPrivate[] = "private";
+constexpr char kErrorDocs[] = "error_docs";
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
+};
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+[[noreturn]] void throw_filesystem_error(const char* operation, const std::string& path, int error)
+{
+    throw fs::filesystem_error(operation, path, {error, boost::system::system_category()});
+}
+
+void report(const char* format, const std::string& path, int error)
+{
+    std::cerr << boost::format(format) % path % std::strerror(error);
+}
+
+EntryType entry_type(mode_t mode)
+{
+    return S_ISDIR(mode) ? EntryType::Directory
+        : S_ISREG(mode)  ? EntryType::Regular
+                         : EntryType::Other;
+}
+
+/// The type by lstat. A failure other than a missing path is reported.
+EntryType examine(const std::string& path)
+{
+    struct stat status;
+    if (::lstat(path.c_str(), &status) == 0)
+        return entry_type(status.st_mode);
+    if (errno != ENOENT)
+        report("%1%: %2%\n", path, errno);
+    return EntryType::Other;
+}
+
+EntryType entry_type(const dirent& entry)
+{
+    return entry.d_type == DT_UNKNOWN ? EntryType::Unknown : entry_type(DTTOIF(entry.d_type));
+}
+
+/// All entries of one directory, so that no descriptor is held while those below are listed.
+std::vector<ListedEntry> read_directory(const std::string& path)
+{
+    TDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const Directory directory(descriptor ? ::fdopendir(descriptor.get()) : nullptr);
+    if (!directory)
+        throw_filesystem_error("boost::filesystem::directory_iterator::construct", path, errno);
+    static_cast<void>(descriptor.release());  // the stream owns it now
+
+    std::vector<ListedEntry> entries;
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = ::readdir(directory.get());
+        if (entry == nullptr)
+            break;
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..")
+            entries.push_back({std::string(name), entry_type(*entry)});
+    }
+    if (errno != 0)
+        throw_filesystem_error("boost::filesystem::directory_iterator::operator++", path, errno);
+    return entries;
+}
+
+/// @param prefix  what stands before the names in `listed`: nothing, or a path and a separator.
+void list_below(const std::string& directory, const std::string& prefix,
+                std::vector<ListedEntry>& listed)
+{
+    const std::string start = directory.back() == '/' ? directory : directory + "/";
+    for (const ListedEntry& entry : read_directory(directory)) {
+        const std::string path = start + entry.path;
+        const EntryType type = entry.type == EntryType::Unknown ? examine(path) : entry.type;
+        listed.push_back({prefix + entry.path, type});
+        if (type == EntryType::Directory)
+            list_below(path, prefix + entry.path + "/", listed);
+    }
+}
+
+/// `p` without its first `count` elements.
+fs::path without_leading(const fs::path& p, unsigned count)
+{
+    fs::path rest;
+    for (const fs::path& element : p) {
+        if (count > 0)
+            --count;
+        else
+            rest /= element;
+    }
+    return rest;
+}
+
+void remove_directory(const std::string& path)
+{
+    if (::rmdir(path.c_str()) != 0)
+        report("rmdir(\"%1%\"): %2%\n", path, errno);
+}
+
+void remove_other(const std::string& path)
+{
+    if (::unlink(path.c_str()) != 0)
+        report("unlink(\"%1%\"): %2%\n", path, errno);
+}
+
+/// Removes what is at `path`; nothing there is fine.
+void remove_entry(const std::string& path)
+{
+    struct stat status;
+    if (::lstat(path.c_str(), &status) != 0) {
+        if (errno != ENOENT)
+            report("lstat(\"%1%\"): %2%\n", path, errno);
+    } else if (S_ISDIR(status.st_mode)) {
+        remove_directory(path);
+    } else {
+        remove_other(path);
+    }
+}
+
+bool is_protected(const fs::path& rel)
+{
+    const std::list<fs::path>& kept = vhostAllDirs();
+    return std::find(kept.begin(), kept.end(), rel) != kept.end();
+}
+
+/// One line of an instance file list.
+struct InstanceFile {
+    InstallSection section;
+    std::string path;  ///< as listed
+    std::string key;   ///< see sort_key
+    bool plain;        ///< the path's text is just its elements with a separator between
+};
+
+bool is_plain(const std::string& path)
+{
+    return !path.empty() && path.front() != '/' && path.back() != '/'
+        && path.find("//") == std::string::npos;
+}
+
+/**
+ * A text that sorts byte by byte as the path sorts element by element: the elements with a NUL,
+ * which XML cannot hold, between. Comparing library paths would cost more than removing the files.
+ */
+std::string sort_key(const std::string& path, bool plain)
+{
+    std::string key;
+    if (plain) {
+        key = path;
+        std::replace(key.begin(), key.end(), '/', '\0');
+    } else {
+        for (const fs::path& element : fs::path(path))
+            key += (key.empty() ? "" : std::string(1, '\0')) + element.native();
+    }
+    return key;
+}
+
+InstanceFile instance_file(InstallSection section, const std::string& path)
+{
+    const bool plain = is_plain(path);
+    return {section, path, sort_key(path, plain), plain};
+}
+
+/// Collects the files of an instance file list while it is read; no tree of it is ever built.
+class InstanceListVisitor : public XmlVisitor {
+public:
+    void start_element(std::string_view name, const XmlAttributes& attributes) override
+    {
+        ++depth_;
+        rootSeen_ = true;
+        if (error_ != nullptr)
+            return;
+        if (depth_ == kRootDepth && name != "INSTANCE-DATA")
+            error_ = kWrongRoot;
+        else if (depth_ == kSectionDepth)
+            start_section(name, attributes);
+        else if (depth_ == kFileDepth)
+            inFile_ = inSection_ && name == "FILE";
+    }
+
+    void end_element() override
+    {
+        if (depth_ == kFileDepth && inFile_) {
+            if (!text_.empty())
+                files_.push_back(instance_file(section_, text_));
+            text_.clear();
+            inFile_ = false;
+        }
+        --depth_;
+    }
+
+    void text(std::string_view piece) override
+    {
+        if (inFile_)
+            text_ += piece;
+    }
+
+    void other_node() override
+    {
+        if (!rootSeen_)
+            error_ = kWrongRoot;
+    }
+
+    bool document_type() override
+    {
+        error_ = kWrongRoot;
+        return false;  // it may declare entities, which only the tree reader is fit to handle
+    }
+
+    /// What is wrong with the list although it is well-formed; null when it is right.
+    const char* error() const { return error_; }
+    std::vector<InstanceFile> take_files() { return std::move(files_); }
+
+    static constexpr const char* kWrongRoot = "Wrong root node name";
+
+private:
+    static constexpr int kRootDepth = 1;
+    static constexpr int kSectionDepth = 2;
+    static constexpr int kFileDepth = 3;
+
+    void start_section(std::string_view name, const XmlAttributes& attributes)
+    {
+        inSection_ = name == "SECTION";
+        if (!inSection_)
+            return;
+        const auto prefix = attributes.find("PREFIX");
+        if (!prefix)
+            error_ = "Attribute name is required for section";
+        else if (*prefix == "htdocs")
+            section_ = Htdocs;
+        else if (*prefix == "cgi-bin")
+            section_ = CgiBin;
+        else
+            error_ = "Bad sttribute name value";
+    }
+
+    const char* error_ = nullptr;
+    bool rootSeen_ = false;
+    bool inSection_ = false;
+    bool inFile_ = false;
+    int depth_ = 0;
+    InstallSection section_ = Htdocs;
+    std::string text_;
+    std::vector<InstanceFile> files_;
+};
+
+std::vector<InstanceFile> parse_instance_list(const std::string& text)
+{
+    InstanceListVisitor visitor;
+    const XmlEnd end = visit_xml(xml_source(text), visitor);
+    if (end == XmlEnd::Malformed || (end == XmlEnd::Stopped && !read_xml_tree(xml_source(text))))
+        throw std::runtime_error("XML parse error");
+    if (visitor.error() != nullptr)
+        throw std::runtime_error(visitor.error());
+    return visitor.take_files();
+}
+
+const char* section_directory(InstallSection section)
+{
+    return section == Htdocs ? kDocumentRoot : kCgiBin;
+}
+
+/// Removes an instance's files, a run of files in one directory without resolving its path anew.
+class InstanceRemover {
+public:
+    InstanceRemover(const fs::path& vhost, const ExtractParams& params, const fs::path& prefix)
+        : delete_(vhost, params)
+    {
+        for (const InstallSection section : {CgiBin, Htdocs}) {
+            Place& place = places_[section];
+            place.rel = section_directory(section);
+            if (prefix != ".")
+                place.rel /= prefix;
+            place.real = delete_.location(place.rel);
+        }
+    }
+
+    void remove(const InstanceFile& file)
+    {
+        const Place& place = places_[file.section];
+        if (!unlink_at_once(file, place))
+            delete_(place.rel / file.path);
+    }
+
+private:
+    /// Where the files of one section are installed.
+    struct Place {
+        fs::path rel;                  ///< relative to the virtual host
+        std::optional<fs::path> real;  ///< none when the section is kept
+    };
+
+    /// Nearly every entry is a file that is there: one call. @return false for whatever it is not.
+    bool unlink_at_once(const InstanceFile& file, const Place& place)
+    {
+        if (!file.plain || !place.real)
+            return false;
+        target_ = place.real->native();
+        if (!target_.empty())
+            target_ += '/';
+        target_ += file.path;
+        const PathAt file_at = directory_.at(target_);
+        return ::unlinkat(file_at.directory, file_at.name, 0) == 0;
+    }
+
+    DeleteDirEntry delete_;
+    Place places_[2];
+    LastDirectory directory_;
+    std::string target_;
+};
+
+/// Appends the tree under `dir`, with `dir` itself called `name`.
+void list_as(const std::string& name, const std::string& dir, std::list<fs::path>& out)
+{
+    for (const ListedEntry& entry : list_tree(dir))
+        out.push_back(fs::path(name) / entry.path);
+}
+
+}  // namespace
+
+const std::list<fs::path>& vhostAllDirs()
+{
+    static const std::list<fs::path> directories = {kCgiBin, kPrivate, "httpsdocs", kDocumentRoot};
+    return directories;
+}
+
+std::list<fs::path> vhostUsedDirs(SetupSkeletonMode mode)
+{
+    std::list<fs::path> directories;
+    if (mode == ApplicationDirs)
+        return {kDocumentRoot, kCgiBin, kPrivate};
+    if (mode == AllDirs || mode == AllButHttpdocs)
+        directories.assign(std::begin(skeldir), std::end(skeldir) - 1);
+    if (mode == AllButHttpdocs)
+        directories.remove(kDocumentRoot);
+    return directories;
+}
+
+int pathLength(const fs::path& p)
+{
+    const auto count = std::distance(p.begin(), p.end());
+    return static_cast<int>(p.filename() == "." ? count - 1 : count);
+}
+
+std::vector<ListedEntry> list_tree(const std::string& dir)
+{
+    const EntryType type = examine(dir);
+    std::vector<ListedEntry> listed = {{"", type}};
+    if (type == EntryType::Directory)
+        list_below(dir, "", listed);
+    return listed;
+}
+
+std::list<fs::path> readDirContent(const fs::path& dir)
+{
+    std::list<fs::path> paths;
+    for (const ListedEntry& entry : list_tree(dir.native()))
+        paths.emplace_back(entry.path);
+    return paths;
+}
+
+int readDirContent(std::list<fs::path>* out, const fs::path& dir, unsigned skip)
+{
+    readDirEntry(out, skip)(dir);
+    return 0;
+}
+
+void readDirEntry::operator()(const fs::path& p) const
+{
+    for (const ListedEntry& entry : list_tree(p.native()))
+        out_->push_back(without_leading(p / entry.path, skip_));
+}
+
+ExtractParams::ExtractParams(const extract_params_t& params)
+    : htdocs_dir(params.htdocs_dir == nullptr ? "" : params.htdocs_dir),
+      extra_flag(params.extra_flag != 0), keep_error_docs(params.keep_error_docs != 0),
+      keep_cgi_bin(params.keep_cgi_bin != 0),
+      cgi_bin_dir(params.cgi_bin_dir == nullptr ? "" : params.cgi_bin_dir)
+{
+}
+
+DeleteDirEntry::DeleteDirEntry(const fs::path& root, const ExtractParams& params)
+    : root_(root), params_(params)
+{
+}
+
+void DeleteDirEntry::operator()(const fs::path& rel) const
+{
+    if (is_protected(rel))
+        return;
+    if (const auto target = location(rel))
+        remove_entry(target->native());
+}
+
+std::optional<fs::path> DeleteDirEntry::location(const fs::path& rel) const
+{
+    const fs::path first = rel.empty() ? fs::path() : *rel.begin();
+    if (first == kDocumentRoot)
+        return params_.htdocs_dir / without_leading(rel, 1);
+    if (first == kCgiBin) {
+        if (params_.keep_cgi_bin)
+            return std::nullopt;
+        return params_.cgi_bin_dir / without_leading(rel, 1);
+    }
+    if (first == kErrorDocs && params_.keep_error_docs)
+        return std::nullopt;
+    return root_ / rel;
+}
+
+void cleanDirContent(std::list<fs::path>* paths, const fs::path& root, const ExtractParams& params)
+{
+    paths->sort(std::greater<>());  // every child before its parent
+    std::for_each(paths->begin(), paths->end(), DeleteDirEntry(root, params));
+}
+
+}  // namespace tarvik
+
+void sapp_delete_instance(const char* vhost_dir, const extract_params_t* params, const char* prefix)
+{
+    using namespace tarvik;
+    std::vector<InstanceFile> files = parse_instance_list(readFile(std::cin));
+    if (std::strcmp(prefix, ".") != 0 && std::strcmp(prefix, "/") != 0)
+        files.push_back(instance_file(Htdocs, ""));  // the prefix directory itself, once empty
+    std::sort(files.begin(), files.end(), [](const InstanceFile& a, const InstanceFile& b) {
+        return std::tie(b.section, b.key) < std::tie(a.section, a.key);
+    });
+    InstanceRemover remover(vhost_dir, ExtractParams(*params), prefix);
+    for (const InstanceFile& file : files)
+        remover.remove(file);
+}
+
+int clean_docroot(const char* vhost_dir, const extract_params_t* params)
+{
+    using namespace tarvik;
+    const fs::path root(vhost_dir);
+    const ExtractParams owned(*params);
+    std::list<fs::path> paths;
+    for (const fs::path& directory : vhostUsedDirs(ApplicationDirs)) {
+        if (directory == kDocumentRoot)
+            list_as(kDocumentRoot, owned.htdocs_dir, paths);
+        else if (directory == kCgiBin && !owned.keep_cgi_bin)
+            list_as(kCgiBin, owned.cgi_bin_dir, paths);
+        else if (directory != kCgiBin && !(directory == kErrorDocs && owned.keep_error_docs))
+            readDirContent(&paths, root / directory, static_cast<unsigned>(pathLength(root)));
+    }
+    cleanDirContent(&paths, root, owned);
+    return 0;
+}
+
+void sapp_cpp_init(...)
+{
+    oxa_set_terminate();
+}
