@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+namespace tarvik {
+
+class FSAMetaDataReader;
+
+/**
+ * Copies a package's web content into the document root along its URL mappings and gives every file
+ * its mode. Everything is done with the identity the process has; owners are not changed, modes of
+ * what is there already only gain bits. On an error all mapped targets are removed again, with
+ * whatever else lies below them.
+ * @param packageDir             the unpacked package.
+ * @param documentRoot           the site's document root; must exist.
+ * @param appSubdir              directory inside it; "." or "/" is the document root itself.
+ * @param userName               the site's system user; looked up once in the life of the process.
+ * @param makeWebserverWritable  widen the modes of writable mappings for the web server.
+ * @return true; false when an error was reported, on standard error.
+ * @throws whatever is neither a file nor a metadata error, with nothing removed again.
+ */
+bool fsa_install_htdocsfiles(const std::string& packageDir, const std::string& documentRoot,
+                             const std::string& appSubdir, const FSAMetaDataReader& metadata,
+                             const std::string& userName, bool makeWebserverWritable);
+
+}  // namespace tarvik
