@@ -43,7 +43,7 @@ constexpr std::pair<const char*, const char*> kNamespaces[] = {
 };
 
 // All texts of one file, with the entities in them and the prefixes that nested mappings repeat.
-constexpr std::size_t kTextBudget = 8 * 1024 * 1024;
+constexpr std::size_t kTextBudget = 4 * 1024 * 1024;
 
 struct FreeXPathObject {
     void operator()(xmlXPathObject* object) const noexcept { xmlXPathFreeObject(object); }

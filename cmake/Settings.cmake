@@ -3,7 +3,6 @@ include(CheckPIESupported)
 check_pie_supported()
 
 add_library(zendrel_settings INTERFACE)
-target_compile_features(zendrel_settings INTERFACE cxx_std_17)
 target_include_directories(zendrel_settings INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(zendrel_settings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow

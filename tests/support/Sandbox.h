@@ -1,0 +1,96 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+/**
+ * What the tests know of the host they run on (see sandbox.sh), a runner for one real process, and
+ * sites to install into. Every `Site` is a new directory that removes itself.
+ */
+namespace sandbox {
+
+constexpr uid_t kAlice = 28001;
+constexpr uid_t kBob = 28002;
+constexpr uid_t kCarol = 28003;
+constexpr uid_t kWebServer = 33;
+constexpr gid_t kClients = 28010;
+constexpr gid_t kServices = 28011;
+constexpr gid_t kEditors = 28012;
+
+struct Result {
+    int status = -1;  ///< exit status; a signal reads 128 + its number, as in a shell
+    std::string out;
+    std::string err;
+    long peakKilobytes = 0;
+};
+bool operator==(const Result& a, const Result& b);
+std::ostream& operator<<(std::ostream& out, const Result& result);
+
+/// The result of a run that says `err` on standard error and nothing on standard output.
+Result says(int status, const std::string& err);
+/// A line that the utility error stream and the host library put on both streams.
+Result says_twice(int status, const std::string& text);
+
+using Words = std::vector<std::string>;
+
+/// Limits put on a run before it starts; 0 means none.
+struct Limits {
+    unsigned long fileSize = 0;  ///< writing beyond it fails with EFBIG
+    int nice = 0;
+};
+
+/// Runs a program to its end with `input` on its standard input.
+Result run(const Words& words, const std::string& input = "", const Limits& limits = {});
+/// Runs the program under test.
+Result zendrel(const Words& words, const std::string& input = "", const Limits& limits = {});
+
+/// Runs `body` in a child and returns its exit status and both streams.
+Result in_child(void (*body)());
+
+class Site {
+public:
+    Site();
+    Site(const Site&) = delete;
+    Site& operator=(const Site&) = delete;
+    ~Site();
+
+    std::string path(const std::string& below = "") const;
+    std::string package(const std::string& below = "") const { return path("package/" + below); }
+    std::string docroot(const std::string& below = "") const
+    {
+        return path("vhost/httpdocs/" + below);
+    }
+    std::string vhost() const { return path("vhost"); }
+
+    /// Writes a file with its parents, all owned by root, so packages are read-only for the site
+    /// user.
+    void write(const std::string& below, const std::string& content, mode_t mode = 0644) const;
+    /// The same in the document root, owned by `owner`; a path ending in "/" is a directory.
+    void put(const std::string& below, const std::string& content = "", mode_t mode = 0644,
+             uid_t owner = kAlice, gid_t group = kClients) const;
+    /// Writes APP-META.xml with these mappings.
+    void metadata(const std::string& mappings) const;
+
+    /// The extract command for this package and site. A word replaces the option of its name.
+    Words extract(const Words& changes = {}) const;
+    Words remove(const Words& changes = {}) const;
+    std::string list(const Words& files, const std::string& section = "htdocs") const;
+
+    /// Everything below a directory: path to "type mode owner:group content or target".
+    std::map<std::string, std::string> tree(const std::string& below = "vhost/httpdocs") const;
+
+private:
+    std::string root_;
+};
+
+using Tree = std::map<std::string, std::string>;
+
+std::string read(const std::string& path);
+mode_t mode_of(const std::string& path);
+
+}  // namespace sandbox
