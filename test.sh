@@ -1,0 +1,50 @@
+#!/bin/sh
+# Installs what is missing, builds the program twice (hardened release; with sanitizers), checks form
+# and runs all tests in both builds. Needs root. Ends with the test runner's closing lines.
+set -eu
+cd "$(dirname "$0")"
+
+say() { printf '\n== %s\n' "$*"; }
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "test.sh: must be run as root: the tests switch between users" >&2
+    exit 1
+fi
+
+packages="g++ cmake make clang-format clang-tidy shellcheck strace
+    libboost-filesystem-dev libboost-program-options-dev libxml2-dev libgtest-dev"
+missing=
+for package in $packages; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
+done
+if [ -n "$missing" ]; then
+    say "Installing$missing"
+    apt-get update -qq
+    # shellcheck disable=SC2086 # a list of words
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >/dev/null
+fi
+
+jobs=$(nproc)
+sources=$(find app common clib sys tests -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
+
+say "Form: clang-format, shellcheck"
+# shellcheck disable=SC2086
+clang-format --dry-run --Werror $sources
+find . -path ./build -prune -o -name '*.sh' -print | sort | xargs shellcheck .ci/run
+
+for preset in release asan; do
+    say "Building $preset"
+    cmake --preset "$preset" -DZENDREL_WERROR=ON >/dev/null
+    cmake --build --preset "$preset" -j "$jobs" -- --no-print-directory -s
+done
+
+say "Form: clang-tidy"
+find app common clib sys -name '*.cpp' 2>/dev/null | sort |
+    xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/release 2>/dev/null
+
+status=0
+for preset in release asan; do
+    say "Tests in the $preset build"
+    ctest --preset "$preset" || status=1
+done
+exit "$status"
