@@ -26,6 +26,11 @@ void TDescriptor::reset(int fd) noexcept
     fd_ = fd;
 }
 
+bool TDescriptor::close() noexcept
+{
+    return ::close(release()) == 0 || errno == EINTR;  // interrupted, it is closed all the same
+}
+
 PathAt LastDirectory::at(const std::string& path)
 {
     const PathAt whole = {AT_FDCWD, path.c_str()};

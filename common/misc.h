@@ -6,7 +6,7 @@
 
 namespace tarvik {
 
-/// Owns one file descriptor; -1 means none. Errors of close are ignored.
+/// Owns one file descriptor; -1 means none. Errors of close are ignored but by `close`.
 class TDescriptor {
 public:
     explicit TDescriptor(int fd = -1) noexcept : fd_(fd) { }
@@ -22,6 +22,8 @@ public:
     explicit operator bool() const noexcept { return fd_ >= 0; }
     int release() noexcept { return std::exchange(fd_, -1); }
     void reset(int fd = -1) noexcept;
+    /// For a file that was written. @return false with `errno` when what was written may be lost.
+    bool close() noexcept;
 
 private:
     int fd_;
