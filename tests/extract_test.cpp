@@ -260,7 +260,8 @@ TEST_F(Extract, RefusesWhatItMayNotWrite)
     std::string shown = warning;
     shown.erase(shown.find("/: "), 1);
     const std::string error = "Unable to create directory " + site_.docroot("d");
-    EXPECT_EQ(extract(), says(1, shown + shown + error + "\n" + error + "\n"));
+    EXPECT_EQ(extract({"--application-subdirectory=/"}),
+              says(1, shown + shown + error + "\n" + error + "\n"));
     EXPECT_TRUE(site_.tree().empty());
 
     // The parent is named once for each target in it, as long as its mode cannot be changed.
@@ -338,24 +339,54 @@ TEST_F(Extract, DirectoriesThatReceiveFilesAreOpenedToTheSitesPeople)
     EXPECT_EQ(tree.at("o"), "d 507 bob:oxaserv");
 }
 
+/// Gives a directory a default ACL, which takes bits away from what is created in it.
+void set_default_acl(const std::string& dir, unsigned char user, unsigned char others)
+{
+    const unsigned char acl[] = {2,   0,   0,      0, 1,      0,   user, 0,   255, 255,
+                                 255, 255, 4,      0, others, 0,   255,  255, 255, 255,
+                                 32,  0,   others, 0, 255,    255, 255,  255};
+    ASSERT_EQ(setxattr(dir.c_str(), "system.posix_acl_default", acl, sizeof acl, 0), 0);
+}
+
 TEST_F(Extract, ModesDoNotDependOnUmaskOrInheritedAccess)
 {
-    package({"f", "g", "x.pl", "y.pl"},
+    package({"a", "b.pl", "half/a", "half/b.pl", "none/a", "none/b", "none/c.pl"},
             "<mapping url='/' path='htdocs'><cgi:handler><cgi:extension>pl</cgi:extension>"
             "</cgi:handler></mapping>");
-    // A default ACL of user::r-- group::--- other::--- takes bits away on creation.
-    const unsigned char acl[] = {2, 0, 0,   0,   1,   0,   4,  0, 255, 255, 255, 255, 4,   0,
-                                 0, 0, 255, 255, 255, 255, 32, 0, 0,   0,   255, 255, 255, 255};
-    ASSERT_EQ(setxattr(site_.docroot().c_str(), "system.posix_acl_default", acl, sizeof acl, 0), 0);
+    site_.put("half/");
+    set_default_acl(site_.docroot("half"), 6, 4);  // would do for files, but not for programs
+    site_.put("none/");
+    set_default_acl(site_.docroot("none"), 4, 0);
     Words words = {"sh", "-c", "umask 077; exec \"$@\"", "sh", ZENDREL_PROGRAM};
     for (const std::string& word : site_.extract())
         words.push_back(word);
     EXPECT_EQ(run(words), says(0, ""));
     EXPECT_EQ(site_.tree(),
-              (Tree {{"f", "- 644 alice:oxacln f"},
-                     {"g", "- 644 alice:oxacln g"},
-                     {"x.pl", "- 755 alice:oxacln x.pl"},
-                     {"y.pl", "- 755 alice:oxacln y.pl"}}));
+              (Tree {{"a", "- 644 alice:oxacln a"},
+                     {"b.pl", "- 755 alice:oxacln b.pl"},
+                     {"half", "d 755 alice:oxacln"},
+                     {"half/a", "- 644 alice:oxacln half/a"},
+                     {"half/b.pl", "- 755 alice:oxacln half/b.pl"},
+                     {"none", "d 755 alice:oxacln"},
+                     {"none/a", "- 644 alice:oxacln none/a"},
+                     {"none/b", "- 644 alice:oxacln none/b"},
+                     {"none/c.pl", "- 755 alice:oxacln none/c.pl"}}));
+}
+
+TEST_F(Extract, ForeignFilesInAWritableMappingStayAsTheyAre)
+{
+    package({"data/f"},
+            "<mapping url='data' path='htdocs/data'>"
+            "<php:permissions writable='true'/></mapping>");
+    site_.put("data/");
+    site_.put("data/bobs", "", 0644, kBob);
+    EXPECT_EQ(extract(), says(0, ""));
+    EXPECT_EQ(site_.tree().at("data/bobs"), "- 644 bob:oxacln ");
+
+    site_.put("data/", "", 0775, kBob);  // but the mapping itself has to be widened
+    const std::string error =
+        "Unable to change mode for: " + site_.docroot("data") + " Error: Operation not permitted";
+    EXPECT_EQ(extract(), fails(error));
 }
 
 TEST_F(Extract, ChecksItsOptionsFirst)
