@@ -3,6 +3,7 @@
 #include "app/FileList.h"
 #include "app/fsappactions.h"
 #include "app/fsappmetadata.h"
+#include "app/options.h"
 #include "clib/libuser.h"
 #include "clib/tarvik_ugid.h"
 #include "common/ExSystemError.h"
@@ -20,7 +21,6 @@
 #include <cstring>
 #include <iostream>
 #include <optional>
-#include <vector>
 
 namespace fs = boost::filesystem;
 namespace po = boost::program_options;
@@ -35,36 +35,6 @@ constexpr std::size_t kMaxPackagePath = 4096;
 constexpr char kClientsGroup[] = "oxacln";
 constexpr char kMetadataName[] = "/APP-META.xml";
 constexpr mode_t kInstallUmask = 022;
-
-/// "--name=" is a name with an empty value; newer option libraries would refuse it.
-std::vector<po::option> parse_empty_value(std::vector<std::string>& words)
-{
-    const std::string& word = words.front();
-    if (word.compare(0, 2, "--") != 0 || word.size() <= 3 || word.find('=') != word.size() - 1)
-        return {};
-    po::option option;
-    option.string_key = word.substr(2, word.size() - 3);
-    option.value = {""};
-    option.original_tokens = {word};
-    words.erase(words.begin());
-    return {option};
-}
-
-void parse_options(int argc, char** argv, const po::options_description& options)
-{
-    po::variables_map values;
-    po::store(po::command_line_parser(argc, argv)
-                  .options(options)
-                  .extra_style_parser(parse_empty_value)
-                  .run(),
-              values);
-    po::notify(values);  // checks what is required, fills the variables
-}
-
-po::typed_value<std::string>* required(std::string& variable)
-{
-    return po::value<std::string>(&variable)->required();
-}
 
 /// Looking a missing group up by the host library would print a message.
 bool group_exists(const char* name)
@@ -107,20 +77,20 @@ int extractApplication(int argc, char** argv)
     std::string metadataFile;
     std::string wwwRoot;
     bool skipWebserverWrite = false;
-    po::options_description options("Application extraction options");
-    auto add = options.add_options();
-    add("application-full-name", required(fullName), "application full name");
-    add("vhost-path", required(vhostPath), "path to virutal host root directory");
-    add("user-name", required(userName), "system user name");
-    add("application-subdirectory", required(appSubdir),
+    po::options_description description("Application extraction options");
+    auto add = description.add_options();
+    add("application-full-name", options::required(fullName), "application full name");
+    add("vhost-path", options::required(vhostPath), "path to virutal host root directory");
+    add("user-name", options::required(userName), "system user name");
+    add("application-subdirectory", options::required(appSubdir),
         "application subdirectory inside documents directory");
-    add("metadata-file", required(metadataFile),
+    add("metadata-file", options::required(metadataFile),
         "path to generated Veska 1.0 APP-META.xml file with URL mappings "
         "(required for Veska 1.1 support");
-    add("www-root", required(wwwRoot), "path to domain www-root");
+    add("www-root", options::required(wwwRoot), "path to domain www-root");
     add("skip-webserver-write", po::bool_switch(&skipWebserverWrite),
         "Do not make webserver writeable files, needed for cgi/fcgi applications");
-    parse_options(argc, argv, options);
+    options::parse(argc, argv, description);
 
     if (fullName.compare(0, kFileUrlLength, kFileUrl) != 0) {
         std::cerr << "Invalid value " << fullName << "for --application-full-name option"
@@ -172,15 +142,15 @@ int deleteApplication(int argc, char** argv)
     std::string vhostPath;
     std::string appSubdir;
     std::string wwwRoot;
-    po::options_description options("Application removal options");
-    auto add = options.add_options();
-    add("user-name", required(userName), "system user name");
-    add("vhost-path", required(vhostPath), "path to virutal host root directory");
-    add("application-subdirectory", required(appSubdir),
+    po::options_description description("Application removal options");
+    auto add = description.add_options();
+    add("user-name", options::required(userName), "system user name");
+    add("vhost-path", options::required(vhostPath), "path to virutal host root directory");
+    add("application-subdirectory", options::required(appSubdir),
         "application subdirectory inside documents directory");
-    add("www-root", required(wwwRoot), "path to domain www-root");
+    add("www-root", options::required(wwwRoot), "path to domain www-root");
     add("application-full-name", po::value<std::string>(), "application full name");
-    parse_options(argc, argv, options);
+    options::parse(argc, argv, description);
 
     p_setuid(userName.c_str());
     return delete_application_user(vhostPath, wwwRoot, appSubdir);
