@@ -137,10 +137,9 @@ TEST(CleanDirContent, RemovesChildrenBeforeParents)
     EXPECT_TRUE(site.tree("v").empty());
 }
 
-/// Reads `list` as standard input of a removal inside an empty directory. @return the error's text
-std::string malformed(const std::string& list)
+/// Removes what `list` names, given on standard input. @return the text of an exception
+std::string removal(const std::string& list, const extract_params_t& params)
 {
-    const extract_params_t params = {nullptr, 0, 0, 1, nullptr};
     std::istringstream input(list);
     std::streambuf* const standard = std::cin.rdbuf(input.rdbuf());
     std::string text = "none";
@@ -152,6 +151,31 @@ std::string malformed(const std::string& list)
     std::cin.rdbuf(standard);
     std::cin.clear();
     return text;
+}
+
+std::string malformed(const std::string& list)
+{
+    return removal(list, {nullptr, 0, 0, 1, nullptr});
+}
+
+TEST(InstanceList, DocumentRootEntriesComeBeforeCgiBinOnes)
+{
+    const Site site;
+    const std::string docs = site.path("docs");
+    const std::string bin = site.path("bin");
+    site.write("docs/a/left", "");
+    site.write("bin/b/left", "");
+    site.write("bin/c", "");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(
+        removal("<INSTANCE-DATA><SECTION PREFIX='cgi-bin'><FILE>b</FILE><FILE>c</FILE></SECTION>"
+                "<SECTION PREFIX='htdocs'><FILE>a</FILE></SECTION></INSTANCE-DATA>",
+                {docs.c_str(), 0, 0, 0, bin.c_str()}),
+        "none");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "rmdir(\"" + docs + "/a\"): Directory not empty\nrmdir(\"" + bin
+                  + "/b\"): Directory not empty\n");
+    EXPECT_EQ(site.tree("bin").size(), 2u);
 }
 
 TEST(InstanceList, ErrorsAreThrownForACallerToCatch)
@@ -173,6 +197,8 @@ TEST(InstanceList, ErrorsAreThrownForACallerToCatch)
          "Wrong root node name"},
         {"<p:INSTANCE-DATA/>", "Wrong root node name"},
         {"<INSTANCE-DATA><SECTION/></INSTANCE-DATA>", "Attribute name is required for section"},
+        {"<INSTANCE-DATA><SECTION x:PREFIX='htdocs' xmlns:x='u'/></INSTANCE-DATA>",
+         "Attribute name is required for section"},
         {"<INSTANCE-DATA><SECTION PREFIX='httpdocs'/></INSTANCE-DATA>", "Bad sttribute name value"},
         {"<INSTANCE-DATA><SECTION PREFIX='x'/><SECTION/></INSTANCE-DATA>",
          "Bad sttribute name value"},

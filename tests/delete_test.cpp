@@ -45,19 +45,22 @@ TEST_F(Delete, ReportsInTheOrderOfRemoval)
 {
     site_.put("d/", "", 0755, kBob);
     site_.put("d/f", "", 0644, kBob);
+    site_.put("d-x");
     site_.put("e/", "", 0755, kBob);
     const std::string list =
         "<INSTANCE-DATA><SECTION PREFIX='cgi-bin'><FILE>c</FILE></SECTION>"
         "<SECTION PREFIX='htdocs'><FILE>d</FILE><FILE>e/</FILE><FILE>/d/f</FILE>"
-        "<FILE>d/f</FILE><FILE>../../x</FILE><FILE>d/f/g</FILE></SECTION></INSTANCE-DATA>";
+        "<FILE>d/f</FILE><FILE>d-x/y</FILE><FILE>../../x</FILE><FILE>d/f/g</FILE></SECTION></"
+        "INSTANCE-DATA>";
     EXPECT_EQ(remove(list),
               says(0,
                    "rmdir(\"" + docroot("e/.") + "\"): Invalid argument\n" + "lstat(\""
-                       + docroot("d/f/g") + "\"): Not a directory\n" + "unlink(\"" + docroot("d/f")
+                       + docroot("d-x/y") + "\"): Not a directory\n" + "lstat(\"" + docroot("d/f/g")
+                       + "\"): Not a directory\n" + "unlink(\"" + docroot("d/f")
                        + "\"): Permission denied\n" + "rmdir(\"" + docroot("d")
                        + "\"): Directory not empty\n" + "unlink(\"" + docroot("d/f")
                        + "\"): Permission denied\n"));
-    EXPECT_EQ(site_.tree().size(), 3u);
+    EXPECT_EQ(site_.tree().size(), 4u);
 }
 
 TEST_F(Delete, ReportsNamesThatAreTooLong)
@@ -76,7 +79,8 @@ TEST_F(Delete, ReportsNamesThatAreTooLong)
 TEST_F(Delete, RemovesThePrefixDirectoryLast)
 {
     const std::string list = site_.list({"f", "d/g", "d"});
-    const std::string empty = "<INSTANCE-DATA/>";
+    const std::string empty = "<INSTANCE-DATA><OTHER><FILE>k</FILE></OTHER>"
+                              "<SECTION PREFIX='htdocs'><FILE/></SECTION></INSTANCE-DATA>";
     for (const char* path : {"blog/", "blog/f", "blog/d/", "blog/d/g", "f", "keep/", "keep/k"})
         site_.put(path);
     EXPECT_EQ(remove(list, {"--application-subdirectory=blog"}), says(0, ""));

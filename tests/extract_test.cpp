@@ -350,7 +350,7 @@ void set_default_acl(const std::string& dir, unsigned char user, unsigned char o
 
 TEST_F(Extract, ModesDoNotDependOnUmaskOrInheritedAccess)
 {
-    package({"a", "b.pl", "half/a", "half/b.pl", "none/a", "none/b", "none/c.pl"},
+    package({"a", "b.pl", "new/a", "half/a", "half/b.pl", "none/a", "none/b", "none/c.pl"},
             "<mapping url='/' path='htdocs'><cgi:handler><cgi:extension>pl</cgi:extension>"
             "</cgi:handler></mapping>");
     site_.put("half/");
@@ -367,6 +367,8 @@ TEST_F(Extract, ModesDoNotDependOnUmaskOrInheritedAccess)
                      {"half", "d 755 alice:oxacln"},
                      {"half/a", "- 644 alice:oxacln half/a"},
                      {"half/b.pl", "- 755 alice:oxacln half/b.pl"},
+                     {"new", "d 755 alice:oxacln"},
+                     {"new/a", "- 644 alice:oxacln new/a"},
                      {"none", "d 755 alice:oxacln"},
                      {"none/a", "- 644 alice:oxacln none/a"},
                      {"none/b", "- 644 alice:oxacln none/b"},
@@ -463,13 +465,19 @@ TEST_F(Extract, CanCleanTheDocumentRootFirst)
     site_.put("old/");
     site_.put("old/f");
     static const Site* site;
+    static const char* subdir;
     site = &site_;
-    EXPECT_EQ(in_child([] {
-                  _exit(tarvik::fsa_extract_application("file:///" + site->path("package"),
-                                                        site->vhost(), site->path("vhost/httpdocs"),
-                                                        "alice", ".", 1, "", true));
-              }),
-              says(0, ""));
+    for (const char* where : {"blog", "."}) {
+        subdir = where;
+        EXPECT_EQ(in_child([] {
+                      _exit(tarvik::fsa_extract_application(
+                          "file:///" + site->path("package"), site->vhost(),
+                          site->path("vhost/httpdocs"), "alice", subdir, 1, "", true));
+                  }),
+                  says(0, ""));
+        // Only an installation into the document root itself cleans it.
+        EXPECT_EQ(site_.tree().count("old/f"), subdir == std::string("blog") ? 1u : 0u);
+    }
     EXPECT_EQ(site_.tree(), (Tree {{"f", "- 644 alice:oxacln f"}}));
 }
 

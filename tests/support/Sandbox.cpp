@@ -70,23 +70,6 @@ void limit(int resource, rlim_t value)
         ::_exit(126);
 }
 
-Words changed(Words words, const Words& changes)
-{
-    for (const std::string& change : changes) {
-        const std::string name = change.substr(0, change.find('='));
-        bool found = false;
-        for (std::string& word : words) {
-            if (word.substr(0, word.find('=')) == name) {
-                word = change;
-                found = true;
-            }
-        }
-        if (!found)
-            words.push_back(change);
-    }
-    return words;
-}
-
 }  // namespace
 
 bool operator==(const Result& a, const Result& b)
@@ -111,6 +94,23 @@ Result says_twice(int status, const std::string& text)
     return {status, text, text, 0};
 }
 
+Words changed(Words words, const Words& changes)
+{
+    for (const std::string& change : changes) {
+        const std::string name = change.substr(0, change.find('='));
+        bool found = false;
+        for (std::string& word : words) {
+            if (word.substr(0, word.find('=')) == name) {
+                word = change;
+                found = true;
+            }
+        }
+        if (!found)
+            words.push_back(change);
+    }
+    return words;
+}
+
 Result run(const Words& words, const std::string& input, const Limits& limits)
 {
     return run_child(input, [&words, &limits] {
@@ -123,6 +123,8 @@ Result run(const Words& words, const std::string& input, const Limits& limits)
             ::signal(SIGXFSZ, SIG_IGN);
             limit(RLIMIT_FSIZE, limits.fileSize);
         }
+        if (limits.cpuSeconds != 0)
+            limit(RLIMIT_CPU, limits.cpuSeconds);
         ::execvp(arguments[0], arguments.data());
     });
 }

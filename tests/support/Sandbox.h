@@ -40,9 +40,12 @@ using Words = std::vector<std::string>;
 
 /// Limits put on a run before it starts; 0 means none.
 struct Limits {
-    unsigned long fileSize = 0;  ///< writing beyond it fails with EFBIG
-    int nice = 0;
+    unsigned long fileSize = 0;    ///< writing beyond it fails with EFBIG
+    unsigned long cpuSeconds = 0;  ///< spending more ends the process
 };
+
+/// @return the words of a command with these options in place of those of the same name.
+Words changed(Words words, const Words& changes);
 
 /// Runs a program to its end with `input` on its standard input.
 Result run(const Words& words, const std::string& input = "", const Limits& limits = {});
