@@ -17,7 +17,8 @@
 #include <iostream>
 #include <list>
 #include <map>
-#include <optional>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace fs = boost::filesystem;
@@ -130,36 +131,25 @@ InstallPlan plan_install(const std::string& packageDir, const std::string& appDi
 
 // --- Write access for the web server -------------------------------------------------------------
 
-bool is_dot(const fs::path& element)
+/// A path by its elements, "." skipped, each ended by a NUL: what lies in a directory starts with
+/// the directory's key. Thousands of mappings are compared by their keys, made once for each.
+std::string path_key(const fs::path& path)
 {
-    return element == ".";
+    std::string key;
+    for (const fs::path& element : path) {
+        if (element != ".")
+            key += element.native() + '\0';
+    }
+    return key;
 }
 
-/// Matches the elements of `parent` against the first ones of `child`, "." skipped in both.
-/// @return the rest of `child`; none when it is not inside `parent`.
-std::optional<fs::path> part_below(const fs::path& child, const fs::path& parent)
+/// Compares keys. A directory is inside itself.
+bool isSubdir(const std::string& child, const std::string& parent)
 {
-    auto next = child.begin();
-    for (const fs::path& element : parent) {
-        if (is_dot(element))
-            continue;
-        next = std::find_if_not(next, child.end(), is_dot);
-        if (next == child.end() || *next != element)
-            return std::nullopt;
-        ++next;
-    }
-    fs::path rest;
-    for (; next != child.end(); ++next) {
-        if (!is_dot(*next))
-            rest /= *next;
-    }
-    return rest;
+    return child.compare(0, parent.size(), parent) == 0;
 }
 
-bool isSubdir(const fs::path& child, const fs::path& parent)
-{
-    return part_below(child, parent).has_value();
-}
+using KeySet = std::set<std::string>;
 
 enum class Owner { WebServer, SiteUser, Other };
 
@@ -212,23 +202,34 @@ bool makeWritableByWebserver(const std::string& path, const struct stat& status,
 }
 
 /// What lies below `dir` and belongs to a mapping that is not writable, relative to `dir`.
-std::vector<fs::path> nested_exclusions(const std::string& dir, const InstallPlan& plan)
+KeySet nested_exclusions(const std::string& dir, const KeySet& others)
 {
-    std::vector<fs::path> exclusions;
-    for (const std::string& other : plan.otherDirs) {
-        if (std::optional<fs::path> below = part_below(other, dir))
-            exclusions.push_back(*std::move(below));
-    }
+    const std::string key = path_key(dir);
+    KeySet exclusions;
+    for (auto other = others.lower_bound(key); other != others.end() && isSubdir(*other, key);
+         ++other)
+        exclusions.insert(other->substr(key.size()));
     return exclusions;
 }
 
-void widen_modes(const std::string& dir, const InstallPlan& plan, const std::string& userName)
+/// @return whether `path` or a directory above it is excluded.
+bool is_excluded(const std::string& path, const KeySet& exclusions)
 {
-    const std::vector<fs::path> exclusions = nested_exclusions(dir, plan);
+    if (exclusions.empty())
+        return false;
+    const std::string key = path_key(path);
+    for (std::size_t end = 0; end < key.size(); end = key.find('\0', end) + 1) {
+        if (exclusions.count(key.substr(0, end)) != 0)
+            return true;
+    }
+    return exclusions.count(key) != 0;
+}
+
+void widen_modes(const std::string& dir, const KeySet& others, const std::string& userName)
+{
+    const KeySet exclusions = nested_exclusions(dir, others);
     for (const ListedEntry& entry : list_tree(dir)) {
-        if (std::any_of(exclusions.begin(), exclusions.end(), [&entry](const fs::path& excluded) {
-                return isSubdir(entry.path, excluded);
-            }))
+        if (is_excluded(entry.path, exclusions))
             continue;
         const std::string path = entry.path.empty() ? dir : join(dir, entry.path);
         struct stat status;
@@ -240,6 +241,15 @@ void widen_modes(const std::string& dir, const InstallPlan& plan, const std::str
             throw FSAFileException("Unable to change mode for: " + path
                                    + " Error: " + std::strerror(errno));
     }
+}
+
+void widen_writable_mappings(const InstallPlan& plan, const std::string& userName)
+{
+    KeySet others;
+    for (const std::string& dir : plan.otherDirs)
+        others.insert(path_key(dir));
+    for (const std::string& dir : plan.writableDirs)
+        widen_modes(dir, others, userName);
 }
 
 // --- The whole installation ----------------------------------------------------------------------
@@ -258,10 +268,8 @@ void install(const InstallPlan& plan, const std::string& packageDir, const std::
     FileCopier copier(packageDir, appDir, userName);
     for (const auto& [target, file] : plan.files)
         copier.install(file);
-    if (makeWebserverWritable) {
-        for (const std::string& dir : plan.writableDirs)
-            widen_modes(dir, plan, userName);
-    }
+    if (makeWebserverWritable)
+        widen_writable_mappings(plan, userName);
 }
 
 bool report_failure(const FSACommonException& e)

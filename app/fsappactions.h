@@ -12,7 +12,7 @@ class FSAMetaDataReader;
  * what is there already only gain bits. On an error all mapped targets are removed again, with
  * whatever else lies below them.
  * @param packageDir             the unpacked package.
- * @param documentRoot           the site's document root; must exist.
+ * @param documentRoot           the site's document root; created, parents too, when missing.
  * @param appSubdir              directory inside it; "." or "/" is the document root itself.
  * @param userName               the site's system user; looked up once in the life of the process.
  * @param makeWebserverWritable  widen the modes of writable mappings for the web server.
