@@ -19,6 +19,12 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 add_accounts() { # ETC_DIR HOME
+    # Accounts of the host by these names would come first.
+    for file in passwd group; do
+        grep -vE '^(alice|bob|carol|lost|oxacln|oxaserv|editors):' "$1/$file" >"$1/$file.sandbox" || true
+        cat "$1/$file.sandbox" >"$1/$file"
+        rm "$1/$file.sandbox"
+    done
     grep -q '^www-data:' "$1/passwd" || echo 'www-data:x:33:33::/var/www:/usr/sbin/nologin' >>"$1/passwd"
     grep -q '^www-data:' "$1/group" || echo 'www-data:x:33:' >>"$1/group"
     cat >>"$1/passwd" <<END
@@ -36,24 +42,30 @@ END
     mkdir -p "$1/oxa"
 }
 
-case "${1-}" in
---inside)
-    shift
-    mount -t tmpfs -o mode=0755 tmpfs /media
-    cp -a /etc /media/etc
-    mkdir /media/sandbox
-    add_accounts /media/etc /media/sandbox
-    mount --bind /media/etc /etc
-    SANDBOX_MODE=namespace SANDBOX_DIR=/media/sandbox exec "$@"
-    ;;
-"")
+if [ "${1-}" = --inside ]; then
+    # Mounts hide what lies below them, so they go where nothing else can be.
+    base=$2
+    shift 2
+    mount -t tmpfs -o mode=0755 tmpfs "$base"
+    cp -a /etc "$base/etc"
+    mkdir "$base/sandbox"
+    add_accounts "$base/etc" "$base/sandbox"
+    mount --bind "$base/etc" /etc
+    SANDBOX_MODE=namespace SANDBOX_DIR=$base/sandbox exec "$@"
+fi
+if [ $# -eq 0 ]; then
     echo "usage: $0 COMMAND [ARGUMENT...]" >&2
     exit 2
-    ;;
-esac
+fi
 
-if unshare --mount sh -c 'mount -t tmpfs tmpfs /media && mount --bind /media /etc' 2>/dev/null; then
-    exec unshare --mount "$0" --inside "$@"
+base=$(mktemp -d "${TMPDIR:-/tmp}/sandbox.XXXXXX")
+trap 'rmdir "$base"' EXIT
+trap 'exit 130' INT TERM HUP
+# shellcheck disable=SC2016 # expanded inside
+if unshare --mount sh -c 'mount -t tmpfs tmpfs "$1" && mount --bind "$1" /etc' sh "$base" 2>/dev/null; then
+    status=0
+    unshare --mount "$0" --inside "$base" "$@" || status=$?
+    exit "$status"
 fi
 
 echo "sandbox: no private mount namespace here; using throw-away accounts of this container" >&2
@@ -64,12 +76,9 @@ put_back() {
     cat "$saved/passwd" >/etc/passwd
     cat "$saved/group" >/etc/group
     [ "$had_oxa" = yes ] || rm -rf /etc/oxa
-    rm -rf "$saved" "${SANDBOX_DIR-}"
+    rm -rf "$saved" "$base"
 }
 trap put_back EXIT
-trap 'exit 130' INT TERM HUP
-SANDBOX_DIR=$(mktemp -d /var/tmp/sandbox.XXXXXX)
-chmod 0755 "$SANDBOX_DIR"
-add_accounts /etc "$SANDBOX_DIR"
-export SANDBOX_DIR
-SANDBOX_MODE=container "$@"
+chmod 0755 "$base"
+add_accounts /etc "$base"
+SANDBOX_MODE=container SANDBOX_DIR=$base "$@"
