@@ -1,6 +1,7 @@
 #include "app/zendrel.h"
 
 #include "app/application.h"
+#include "app/webserverconfig.h"
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
 
@@ -59,6 +60,8 @@ int do_main(int argc, char** argv)
         {"-h", helpCommand},
         {"--extract-application", extractApplication},
         {"--delete-application", deleteApplication},
+        {"--install-apache-conf", installWebserverConfig},
+        {"--remove-apache-conf", removeWebserverConfig},
     };
     const auto command = commands.find(word);
     if (command == commands.end()) {

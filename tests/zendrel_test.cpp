@@ -1,6 +1,7 @@
 #include "app/zendrel.h"
 
 #include "app/application.h"
+#include "app/webserverconfig.h"
 #include "common/ExSystemError.h"
 #include "tests/support/Sandbox.h"
 
@@ -35,6 +36,18 @@ int deleteApplication(int argc, char** argv)
     return 0;
 }
 
+{
+    return 10;
+}
+int installWebserverConfig(int /*argc*/, char** /*argv*/)
+{
+    return 20;
+}
+int removeWebserverConfig(int /*argc*/, char** /*argv*/)
+{
+    return 30;
+}
+
 }  // namespace tarvik
 
 namespace {
@@ -63,6 +76,8 @@ TEST(Entry, TurnsEscapingExceptionsIntoMessagesAndStatuses)
                          "(open: No such file or directory)\n"));
     EXPECT_EQ(entry({extract, "int"}), says_twice(2, "UNSPECIFIED ERROR OCCURED\n"));
     EXPECT_EQ(entry({extract}), says(3, ""));
+    EXPECT_EQ(entry({"--install-apache-conf"}), says(20, ""));
+    EXPECT_EQ(entry({"--remove-apache-conf"}), says(30, ""));
 }
 
 TEST(Entry, HandsOverTheWordsFromTheCommandOn)

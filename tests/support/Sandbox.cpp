@@ -226,8 +226,11 @@ Tree Site::tree(const std::string& below) const
 {
     static const std::map<uid_t, std::string> users = {
         {0, "root"}, {kAlice, "alice"}, {kBob, "bob"}, {kCarol, "carol"}, {kWebServer, "www-data"}};
-    static const std::map<gid_t, std::string> groups = {
-        {0, "root"}, {kClients, "oxacln"}, {kServices, "oxaserv"}, {kEditors, "editors"}};
+    static const std::map<gid_t, std::string> groups = {{0, "root"},
+                                                        {kClients, "oxacln"},
+                                                        {kServices, "oxaserv"},
+                                                        {kEditors, "editors"},
+                                                        {kWebServer, "www-data"}};
     Tree tree;
     const fs::path top = path(below);
     for (fs::recursive_directory_iterator entry(top), end; entry != end; ++entry) {

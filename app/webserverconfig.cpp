@@ -1,0 +1,268 @@
+#include "app/webserverconfig.h"
+
+#include "app/VirtualHost.h"
+#include "app/fsappmetadata.h"
+#include "app/options.h"
+#include "clib/read_configuration.h"
+#include "common/ExSystemError.h"
+#include "common/TmpFile.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem/path.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <iostream>
+#include <list>
+
+namespace fs = boost::filesystem;
+namespace po = boost::program_options;
+
+namespace tarvik {
+
+namespace {
+
+constexpr char kHeader[] =
+    "# ATTENTION!\n"
+    "# DO NOT MODIFY THIS FILE OR ANY PART OF IT. THIS CAN RESULT IN IMPROPER TARVIK\n"
+    "# FUNCTIONING OR FAILURE, CAUSE DAMAGE AND LOSS OF DATA.\n";
+
+constexpr char kPhpOff[] = "<IfModule mod_php4.c>\n"
+                           "  php_admin_flag engine off\n"
+                           "</IfModule>\n"
+                           "<IfModule mod_php5.c>\n"
+                           "  php_admin_flag engine off\n"
+                           "</IfModule>\n";
+
+constexpr char kCgiOff[] = "<IfModule mod_cgi.c>\n"
+                           "  Options -ExecCGI\n"
+                           "</IfModule>\n";
+
+constexpr char kCgiAll[] = "<IfModule mod_cgi.c>\n"
+                           "  Options +ExecCGI\n"
+                           "  <Files *>\n"
+                           "    SetHandler None\n"
+                           "    SetHandler cgi-script\n"
+                           "  </Files>\n"
+                           "</IfModule>\n";
+
+using Extensions = std::list<std::string>;
+
+/// ".a .b ", each followed by a blank, those that equal `except` left out.
+std::string extension_list(const Extensions& extensions, const char* except = "")
+{
+    std::string text;
+    for (const std::string& extension : extensions) {
+        if (*except == '\0' || extension != except)
+            text += "." + extension + " ";
+    }
+    return text;
+}
+
+std::string php_on(const std::string& extensions)
+{
+    return "<IfModule mod_php4.c>\n"
+           "  php_admin_flag engine on\n"
+           "  AddHandler php-script "
+        + extensions
+        + "\n"
+          "</IfModule>\n"
+          "\n"
+          "<IfModule mod_php5.c>\n"
+          "  php_admin_flag engine on\n"
+          "  AddHandler php5-script "
+        + extensions
+        + "\n"
+          "</IfModule>\n";
+}
+
+std::string cgi_by_extension(const Extensions& extensions)
+{
+    constexpr char kPhp[] = "php";
+    // The pattern is ".pl" whatever the extensions are.
+    std::string text = "<IfModule mod_cgi.c>\n"
+                       "  Options +ExecCGI\n"
+                       "  <Files ~ (\\.pl$)>\n"
+                       "    SetHandler None\n"
+                       "  </Files>\n";
+    const std::string programs = extension_list(extensions, kPhp);
+    if (!programs.empty())
+        text += "  AddHandler cgi-script " + programs + "\n";
+    if (std::find(extensions.begin(), extensions.end(), kPhp) != extensions.end())
+        text += "  AddHandler php-script .php\n";
+    return text + "</IfModule>\n";
+}
+
+std::string php_text(const FSAMetaDataWebContent& mapping)
+{
+    std::string text;
+    for (const auto& handler : mapping.phpHandlers) {
+        if (handler.disabled)
+            text += kPhpOff;
+        else if (const std::string list = extension_list(handler.extensions); !list.empty())
+            text += php_on(list);
+    }
+    return text;
+}
+
+std::string cgi_text(const FSAMetaDataWebContent& mapping)
+{
+    std::string text;
+    for (const auto& handler : mapping.cgiHandlers) {
+        text += handler.disabled ? kCgiOff
+            : handler.allFiles   ? kCgiAll
+                                 : cgi_by_extension(handler.extensions);
+    }
+    return text;
+}
+
+/// What one configuration file is written from.
+struct ConfigSource {
+    bool php;
+    bool cgi;
+    const std::string& wwwRoot;
+    std::string suffix;  ///< of the document root: "" or "/" and the application's directory
+};
+
+/// @return the lines for one mapping; empty when it asks for nothing.
+std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
+{
+    const std::string path = source.suffix + mapping.url;
+    if (!mapping.redirect.empty()) {
+        // Within the site's URLs, so without the document root.
+        return "RedirectPermanent " + (path == "/" ? path : remove_trailing_slashes(path)) + " "
+            + mapping.redirect + "\n\n";
+    }
+    const std::string body = (source.php ? php_text(mapping) : std::string())
+        + (source.cgi ? cgi_text(mapping) : std::string());
+    if (body.empty())
+        return body;
+    return "<Directory " + source.wwwRoot + path + " >\n\n" + body + "\n</Directory>\n\n";
+}
+
+/// @return whether anything but the header was written.
+bool write_config(TmpFile& file, const FSAMetaDataReader& metadata, const ConfigSource& source)
+{
+    bool written = false;
+    file << kHeader;
+    for (const FSAMetaDataWebContent& mapping : metadata.webContents()) {
+        const std::string text = mapping_text(mapping, source);
+        file << text << std::flush;
+        written = written || !text.empty();
+    }
+    file.flush();
+    if (!file)  // on a full disk the old file is better than half of a new one
+        throw fs::filesystem_error("write", file.name(), {EIO, boost::system::system_category()});
+    return written;
+}
+
+/// @return false when the directory was not there and was not created.
+bool provide_directory(const fs::path& directory)
+{
+    return fs::exists(directory) || fs::create_directory(directory);
+}
+
+void remove_if_there(const std::string& path)
+{
+    if (fs::exists(path))
+        fs::remove(path);
+}
+
+int install_config(const std::string& metadataFile, const std::string& configFile,
+                   const ConfigSource& source)
+{
+    const fs::path directory = fs::path(configFile).parent_path();
+    if (!provide_directory(directory)) {
+        std::cerr << "Unable to create directory: " << directory;
+        return -1;
+    }
+    if (!source.php && !source.cgi) {
+        remove_if_there(configFile);
+        return 0;
+    }
+    TmpFile file(configFile + ".new", true);
+    const bool written = write_config(file, FSAMetaDataReader(metadataFile), source);
+    remove_if_there(configFile);
+    if (written)
+        fs::rename(file.name(), configFile);
+    return 0;
+}
+
+/// The file of an application in the configuration of the host that a directory belongs to.
+std::string config_path(const std::string& vhostPath, const std::string& fileName)
+{
+    const std::string name = fs::path(remove_trailing_slashes(vhostPath)).filename().native();
+    const layout::VirtualHost host(name, oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D));
+    return host.conf() + "/siteapp.d/" + fileName;
+}
+
+}  // namespace
+
+int veska_install_apache_conf(const std::string& metadataFile, int disablePhp, int disableCgi,
+                              std::string& configFile, const std::string& appSubdir,
+                              const std::string& wwwRoot)
+try {
+    const ConfigSource source = {disablePhp == 0, disableCgi == 0, wwwRoot,
+                                 appSubdir == "." ? "" : "/" + appSubdir};
+    return install_config(metadataFile, configFile, source);
+} catch (const fs::filesystem_error& e) {
+    std::cerr << "Filesystem exception during config creation: " << e.what() << " error code: ("
+              << e.code() << ")\n";
+    return -1;
+} catch (const FSAXMLException& e) {
+    std::cerr << "XML occured during processing the package file " << metadataFile << ": "
+              << e.what() << '\n';
+    return -1;
+}
+
+int installWebserverConfig(int argc, char** argv)
+{
+    std::string vhostPath;
+    std::string wwwRoot;
+    std::string appSubdir;
+    std::string metadataFile;
+    std::string fileName;
+    int disablePhp = 0;
+    int disableCgi = 0;
+    po::options_description description("Webserver configuration options");
+    auto add = description.add_options();
+    add("vhost-path", options::required(vhostPath), "path to virutal host root directory");
+    add("www-root", options::required(wwwRoot), "path to domain www-root");
+    add("application-subdirectory", options::required(appSubdir),
+        "application subdirectory inside documents directory");
+    add("metadata-file", options::required(metadataFile),
+        "path to generated Veska 1.0 APP-META.xml file with URL mappings "
+        "(required for Veska 1.1 support in Orsa)");
+    add("config-file-name", options::required(fileName), "filename for configuration directives");
+    // Written without a value the two change nothing: callers rely on it.
+    add("disable-php-support", po::value<int>(&disablePhp)->implicit_value(0), "");
+    add("disable-cgi-support", po::value<int>(&disableCgi)->implicit_value(0), "");
+    options::parse(argc, argv, description);
+
+    std::string configFile = config_path(vhostPath, fileName);
+    try {
+        return veska_install_apache_conf(metadataFile, disablePhp, disableCgi, configFile,
+                                         appSubdir, wwwRoot);
+    } catch (...) {
+        std::terminate();  // with the temporary file already gone
+    }
+}
+
+int removeWebserverConfig(int argc, char** argv)
+{
+    std::string vhostPath;
+    std::string fileName;
+    std::string wwwRoot;
+    po::options_description description("Webserver deconfiguration options");
+    auto add = description.add_options();
+    add("vhost-path", options::required(vhostPath), "path to virutal host root directory");
+    add("config-file-name", options::required(fileName), "filename for configuration directives");
+    add("www-root", options::required(wwwRoot), "path to domain www-root");
+    options::parse(argc, argv, description);
+
+    fs::remove(config_path(vhostPath, fileName));
+    return 0;
+}
+
+}  // namespace tarvik

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+namespace tarvik {
+
+/// Command handlers: parse the options that follow the command word, return the exit status.
+/// They throw the option library's errors.
+int installWebserverConfig(int argc, char** argv);
+int removeWebserverConfig(int argc, char** argv);
+
+/**
+ * Writes the Apache file of one application: PHP and CGI handling of its mappings and its
+ * redirects. With nothing to write, there is no file afterwards. The new file replaces the old one
+ * in two steps, so for a moment there is none; it is readable by its owner only.
+ * @param disablePhp, disableCgi  not 0: leave that handling out; both: just remove the file.
+ * @param configFile  the file; its directory is created, one level.
+ * @param appSubdir   the application's directory in the document root, "." for the root itself.
+ * @return 0; -1 when an error was reported on standard error, the old file then being untouched
+ *         unless it had been removed already.
+ * @throws SystemError when the temporary file beside `configFile` cannot be created.
+ */
+int veska_install_apache_conf(const std::string& metadataFile, int disablePhp, int disableCgi,
+                              std::string& configFile, const std::string& appSubdir,
+                              const std::string& wwwRoot);
+
+}  // namespace tarvik
