@@ -1,6 +1,7 @@
 #include "app/zendrel.h"
 
 #include "app/application.h"
+#include "app/fsascript.h"
 #include "app/webserverconfig.h"
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
@@ -58,6 +59,7 @@ int do_main(int argc, char** argv)
     const std::map<std::string, CommandHandler> commands = {
         {"--help", helpCommand},
         {"-h", helpCommand},
+        {"--run-application-script", runApplicationScript},
         {"--extract-application", extractApplication},
         {"--delete-application", deleteApplication},
         {"--install-apache-conf", installWebserverConfig},

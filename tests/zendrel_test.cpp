@@ -1,6 +1,7 @@
 #include "app/zendrel.h"
 
 #include "app/application.h"
+#include "app/fsascript.h"
 #include "app/webserverconfig.h"
 #include "common/ExSystemError.h"
 #include "tests/support/Sandbox.h"
@@ -36,6 +37,7 @@ int deleteApplication(int argc, char** argv)
     return 0;
 }
 
+int runApplicationScript(int /*argc*/, char** /*argv*/)
 {
     return 10;
 }
@@ -76,6 +78,7 @@ TEST(Entry, TurnsEscapingExceptionsIntoMessagesAndStatuses)
                          "(open: No such file or directory)\n"));
     EXPECT_EQ(entry({extract, "int"}), says_twice(2, "UNSPECIFIED ERROR OCCURED\n"));
     EXPECT_EQ(entry({extract}), says(3, ""));
+    EXPECT_EQ(entry({"--run-application-script"}), says(10, ""));
     EXPECT_EQ(entry({"--install-apache-conf"}), says(20, ""));
     EXPECT_EQ(entry({"--remove-apache-conf"}), says(30, ""));
 }
