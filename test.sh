@@ -12,7 +12,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 packages="g++ cmake make clang-format clang-tidy shellcheck strace
-    libboost-filesystem-dev libboost-program-options-dev libxml2-dev libgtest-dev"
+    libboost-filesystem-dev libboost-program-options-dev libxml2-dev libgtest-dev
+    apache2-bin libapache2-mod-php php-cli perl curl"
 missing=
 for package in $packages; do
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
