@@ -8,10 +8,10 @@ namespace tarvik::layout {
 class VirtualHost {
 public:
     /// @param name  the host's name. @param root  the root of all virtual hosts.
-    VirtualHost(const std::string& name, const std::string& root) : name_(name), root_(root) { }
+    VirtualHost(const std::string& name, const std::string& root);
 
     /// @return the directory of the host's configuration, ending in "/".
-    std::string conf() const { return root_ + "/system/" + name_ + "/conf/"; }
+    std::string conf() const;
 
 private:
     std::string name_;
