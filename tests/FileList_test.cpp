@@ -33,11 +33,9 @@ std::string sorted(std::list<fs::path> paths)
 TEST(VhostDirs, AreListedInOrder)
 {
     EXPECT_EQ(joined(vhostAllDirs()), "cgi-bin|private|httpsdocs|httpdocs|");
-    EXPECT_EQ(joined(vhostUsedDirs(AllDirs)),
-              "httpdocs|conf|cgi-bin|anon_ftp|error_docs|statistics|");
+    EXPECT_EQ(joined(vhostUsedDirs(AllDirs)), "httpdocs|conf|cgi-bin|anon_ftp|error_docs|statistics|");
     EXPECT_EQ(joined(vhostUsedDirs(ApplicationDirs)), "httpdocs|cgi-bin|private|");
-    EXPECT_EQ(joined(vhostUsedDirs(AllButHttpdocs)),
-              "conf|cgi-bin|anon_ftp|error_docs|statistics|");
+    EXPECT_EQ(joined(vhostUsedDirs(AllButHttpdocs)), "conf|cgi-bin|anon_ftp|error_docs|statistics|");
     EXPECT_EQ(joined(vhostUsedDirs(static_cast<SetupSkeletonMode>(3))), "");
 }
 
@@ -109,8 +107,8 @@ TEST(DeleteDirEntry, MapsTheTopLevelDirectories)
 TEST(CleanDocroot, EmptiesTheApplicationDirectoriesAndKeepsThem)
 {
     const Site site;
-    for (const char* file : {"docs/a/f", "docs/g", "v/private/p/q", "v/cgi-bin/c", "v/conf/k",
-                             "bin/x/y", "v/httpdocs/not-this"})
+    for (const char* file :
+         {"docs/a/f", "docs/g", "v/private/p/q", "v/cgi-bin/c", "v/conf/k", "bin/x/y", "v/httpdocs/not-this"})
         site.write(file, "");
     fs::create_symlink(site.path("v/conf"), site.path("docs/link"));
     const std::string docs = site.path("docs/");
@@ -153,10 +151,7 @@ std::string removal(const std::string& list, const extract_params_t& params)
     return text;
 }
 
-std::string malformed(const std::string& list)
-{
-    return removal(list, {nullptr, 0, 0, 1, nullptr});
-}
+std::string malformed(const std::string& list) { return removal(list, {nullptr, 0, 0, 1, nullptr}); }
 
 TEST(InstanceList, DocumentRootEntriesComeBeforeCgiBinOnes)
 {
@@ -167,14 +162,12 @@ TEST(InstanceList, DocumentRootEntriesComeBeforeCgiBinOnes)
     site.write("bin/b/left", "");
     site.write("bin/c", "");
     testing::internal::CaptureStderr();
-    EXPECT_EQ(
-        removal("<INSTANCE-DATA><SECTION PREFIX='cgi-bin'><FILE>b</FILE><FILE>c</FILE></SECTION>"
-                "<SECTION PREFIX='htdocs'><FILE>a</FILE></SECTION></INSTANCE-DATA>",
-                {docs.c_str(), 0, 0, 0, bin.c_str()}),
-        "none");
+    EXPECT_EQ(removal("<INSTANCE-DATA><SECTION PREFIX='cgi-bin'><FILE>b</FILE><FILE>c</FILE></SECTION>"
+                      "<SECTION PREFIX='htdocs'><FILE>a</FILE></SECTION></INSTANCE-DATA>",
+                      {docs.c_str(), 0, 0, 0, bin.c_str()}),
+              "none");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "rmdir(\"" + docs + "/a\"): Directory not empty\nrmdir(\"" + bin
-                  + "/b\"): Directory not empty\n");
+              "rmdir(\"" + docs + "/a\"): Directory not empty\nrmdir(\"" + bin + "/b\"): Directory not empty\n");
     EXPECT_EQ(site.tree("bin").size(), 2u);
 }
 
@@ -193,15 +186,13 @@ TEST(InstanceList, ErrorsAreThrownForACallerToCatch)
         {"<?pi?><INSTANCE-DATA/>", "Wrong root node name"},
         {"<!DOCTYPE INSTANCE-DATA><INSTANCE-DATA/>", "Wrong root node name"},
         {"<!DOCTYPE INSTANCE-DATA><INSTANCE-DATA>", "XML parse error"},
-        {"<!DOCTYPE x [<!ENTITY a 'b'>]><INSTANCE-DATA>&a;</INSTANCE-DATA>",
-         "Wrong root node name"},
+        {"<!DOCTYPE x [<!ENTITY a 'b'>]><INSTANCE-DATA>&a;</INSTANCE-DATA>", "Wrong root node name"},
         {"<p:INSTANCE-DATA/>", "Wrong root node name"},
         {"<INSTANCE-DATA><SECTION/></INSTANCE-DATA>", "Attribute name is required for section"},
         {"<INSTANCE-DATA><SECTION x:PREFIX='htdocs' xmlns:x='u'/></INSTANCE-DATA>",
          "Attribute name is required for section"},
         {"<INSTANCE-DATA><SECTION PREFIX='httpdocs'/></INSTANCE-DATA>", "Bad sttribute name value"},
-        {"<INSTANCE-DATA><SECTION PREFIX='x'/><SECTION/></INSTANCE-DATA>",
-         "Bad sttribute name value"},
+        {"<INSTANCE-DATA><SECTION PREFIX='x'/><SECTION/></INSTANCE-DATA>", "Bad sttribute name value"},
         {"<?xml version='1.0'?><INSTANCE-DATA/><!-- after -->", "none"},
         {"<n:INSTANCE-DATA xmlns:n='u'><SECTION PREFIX='ht&#100;ocs'/></n:INSTANCE-DATA>", "none"},
         {"<INSTANCE-DATA><x><SECTION/></x><FILE>a</FILE></INSTANCE-DATA>", "none"},

@@ -63,8 +63,7 @@ protected:
              << "AddType text/html .html\nDirectoryIndex index.html\n"
              << "DocumentRoot " << docroot() << "\n<Directory " << docroot() << ">\n"
              << "Require all granted\nOptions None\n</Directory>\n"
-             << directives << "\nIncludeOptional "
-             << site_.path("system/vhost/conf/siteapp.d/*.conf") << "\n";
+             << directives << "\nIncludeOptional " << site_.path("system/vhost/conf/siteapp.d/*.conf") << "\n";
     }
     Result apache(const Words& arguments) const
     {
@@ -97,8 +96,7 @@ protected:
     std::string pid_file() const { return site_.path("server/pid"); }
     static std::string php_module()
     {
-        for (const fs::directory_entry& entry :
-             fs::directory_iterator("/usr/lib/apache2/modules")) {
+        for (const fs::directory_entry& entry : fs::directory_iterator("/usr/lib/apache2/modules")) {
             if (entry.path().filename().native().compare(0, 6, "libphp") == 0)
                 return entry.path().filename().native();
         }
@@ -143,18 +141,14 @@ const std::string kSource = "200 \n" + std::string(kProgram);
 TEST_F(Apache, ServesTheGuestbookThroughItsLife)
 {
     fs::remove_all(site_.path("package"));
-    ASSERT_EQ(
-        run({"cp", "-r", ZENDREL_SOURCE_DIR "/examples/packages/guestbook", site_.path("package")})
-            .status,
-        0);
+    ASSERT_EQ(run({"cp", "-r", ZENDREL_SOURCE_DIR "/examples/packages/guestbook", site_.path("package")}).status, 0);
     deploy();
     start();
     EXPECT_EQ(status("/"), "200");
     EXPECT_EQ(status("/style.css"), "200");
     EXPECT_EQ(status("/docs/index.html"), "200");
     EXPECT_EQ(get("/home"),
-              "301 http://www.example.com/guestbook\n"
-                  + get("/home").substr(get("/home").find('\n') + 1));
+              "301 http://www.example.com/guestbook\n" + get("/home").substr(get("/home").find('\n') + 1));
 
     const std::string page = "/cgi-bin/guestbook.pl";
     EXPECT_EQ(status(page), "200");
@@ -193,20 +187,18 @@ TEST_F(Apache, AcceptsEveryFileThatCanBeGenerated)
                        "<php:handler><php:extension>php</php:extension></php:handler>",
                        "<php:handler><php:extension>php</php:extension></php:handler>"
                        "<php:handler><php:disabled/></php:handler>"};
-    const Words cgi = {
-        "",
-        "<cgi:handler/>",
-        "<cgi:handler><cgi:disabled/></cgi:handler>",
-        "<cgi:handler><cgi:all-files/></cgi:handler>",
-        "<cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler>",
-        "<cgi:handler><cgi:extension>php</cgi:extension></cgi:handler>",
-        "<cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>php</cgi:extension>"
-        "</cgi:handler><cgi:handler><cgi:disabled/></cgi:handler>"};
+    const Words cgi = {"",
+                       "<cgi:handler/>",
+                       "<cgi:handler><cgi:disabled/></cgi:handler>",
+                       "<cgi:handler><cgi:all-files/></cgi:handler>",
+                       "<cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler>",
+                       "<cgi:handler><cgi:extension>php</cgi:extension></cgi:handler>",
+                       "<cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>php</cgi:extension>"
+                       "</cgi:handler><cgi:handler><cgi:disabled/></cgi:handler>"};
     std::string mappings = "<mapping url='old/' virtual='redirect' href='/new'/>";
     for (const std::string& p : php) {
         for (const std::string& c : cgi)
-            mappings +=
-                "<mapping url='m" + std::to_string(mappings.size()) + "'>" + p + c + "</mapping>";
+            mappings += "<mapping url='m" + std::to_string(mappings.size()) + "'>" + p + c + "</mapping>";
     }
     site_.metadata(mappings);
     ASSERT_EQ(zendrel(install_conf()), says(0, ""));
@@ -216,8 +208,7 @@ TEST_F(Apache, AcceptsEveryFileThatCanBeGenerated)
     }
     const std::string conf = read(site_.path("httpd.conf"));
     const auto replaced = [&](const std::string& what, const std::string& with) {
-        std::ofstream(site_.path("httpd.conf"))
-            << std::string(conf).replace(conf.find(what), what.size(), with);
+        std::ofstream(site_.path("httpd.conf")) << std::string(conf).replace(conf.find(what), what.size(), with);
         return apache({"-t"}).status;
     };
     EXPECT_NE(replaced("LoadModule alias", "#"), 0);
@@ -233,11 +224,10 @@ TEST_F(Apache, AcceptsEveryFileThatCanBeGenerated)
 
 TEST_F(Apache, RunsProgramsWithOneOfItsTwoCgiModulesOnly)
 {
-    site_.metadata(
-        "<mapping url='/' path='htdocs'>"
-        "<mapping url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler>"
-        "<mapping url='off'><cgi:handler><cgi:disabled/></cgi:handler></mapping></mapping>"
-        "<mapping url='all'><cgi:handler><cgi:all-files/></cgi:handler></mapping></mapping>");
+    site_.metadata("<mapping url='/' path='htdocs'>"
+                   "<mapping url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler>"
+                   "<mapping url='off'><cgi:handler><cgi:disabled/></cgi:handler></mapping></mapping>"
+                   "<mapping url='all'><cgi:handler><cgi:all-files/></cgi:handler></mapping></mapping>");
     for (const char* file : {"cgi/run.pl", "cgi/run.txt", "cgi/off/run.pl", "all/run", "run.pl"})
         site_.write(std::string("package/htdocs/") + file, kProgram);
     deploy();
@@ -260,12 +250,11 @@ TEST_F(Apache, RunsProgramsWithOneOfItsTwoCgiModulesOnly)
 TEST_F(Apache, LeavesPhpToTheServersOwnConfiguration)
 {
     const std::string page = "<?php echo 'r', 'an';";
-    site_.metadata(
-        "<mapping url='/' path='htdocs'>"
-        "<mapping url='on'><php:handler><php:extension>php</php:extension></php:handler></mapping>"
-        "<mapping url='off'><php:handler><php:disabled/></php:handler></mapping>"
-        "<mapping url='cgi'><cgi:handler><cgi:extension>php</cgi:extension></cgi:handler></mapping>"
-        "</mapping>");
+    site_.metadata("<mapping url='/' path='htdocs'>"
+                   "<mapping url='on'><php:handler><php:extension>php</php:extension></php:handler></mapping>"
+                   "<mapping url='off'><php:handler><php:disabled/></php:handler></mapping>"
+                   "<mapping url='cgi'><cgi:handler><cgi:extension>php</cgi:extension></cgi:handler></mapping>"
+                   "</mapping>");
     for (const char* dir : {"on", "off", "cgi"})
         site_.write("package/htdocs/" + std::string(dir) + "/page.php", page);
     deploy();
@@ -275,8 +264,7 @@ TEST_F(Apache, LeavesPhpToTheServersOwnConfiguration)
     EXPECT_EQ(get("/off/page.php"), "200 \n" + page);
     EXPECT_EQ(get("/cgi/page.php"), "200 \nran");
     stop();
-    configure({"cgi", "php"},
-              "<FilesMatch \"\\.php$\">\nSetHandler application/x-httpd-php\n</FilesMatch>");
+    configure({"cgi", "php"}, "<FilesMatch \"\\.php$\">\nSetHandler application/x-httpd-php\n</FilesMatch>");
     start();
     EXPECT_EQ(get("/on/page.php"), "200 \nran");
     EXPECT_EQ(get("/off/page.php"), "200 \nran");  // the package's wish is not heard

@@ -60,8 +60,7 @@ TEST(Messlog, PrintsTheMessageAndTheSystemErrorOnBothStreams)
         {"the message's newline and the suffix's both stay", 2,
          [] { messlog2(1, 1, "Unable to open dir %s: %s\n", "/d", "gone"); }, 1,
          "Unable to open dir /d: gone\n\nSystem error 2: No such file or directory\n"},
-        {"4095 characters leave no room", 2, [] { messlog2(7, 0, "%04095d", 0); }, 7,
-         std::string(4095, '0') + "\n"},
+        {"4095 characters leave no room", 2, [] { messlog2(7, 0, "%04095d", 0); }, 7, std::string(4095, '0') + "\n"},
         {"room for most of the suffix is not enough", 2, [] { messlog2(0, 0, "%04060d", 0); }, 0,
          std::string(4060, '0') + "\n"},
         {"5000 characters are printed whole", 2, [] { messlog2(0, 0, "%05000d", 0); }, 0,
@@ -134,14 +133,13 @@ TEST(Identity, IsGivenUpForGood)
                   getresuid(&r, &e, &s);
                   getresgid(&rg, &eg, &sg);
                   const int count = getgroups(8, groups);
-                  const bool ids = r == kBob && e == kBob && s == kBob && rg == kClients
-                      && eg == kClients && sg == kClients;
+                  const bool ids =
+                      r == kBob && e == kBob && s == kBob && rg == kClients && eg == kClients && sg == kClients;
                   const bool sets = count == 2 && groups[0] + groups[1] == kClients + kEditors;
-                  const bool back = setuid(0) == 0 || seteuid(0) == 0 || setgid(0) == 0
-                      || setgroups(0, nullptr) == 0 || chown("/etc", kBob, kClients) == 0;
+                  const bool back = setuid(0) == 0 || seteuid(0) == 0 || setgid(0) == 0 || setgroups(0, nullptr) == 0
+                      || chown("/etc", kBob, kClients) == 0;
                   char directory[4096];
-                  const bool home =
-                      getcwd(directory, sizeof directory) == std::string(getenv("SANDBOX_DIR"));
+                  const bool home = getcwd(directory, sizeof directory) == std::string(getenv("SANDBOX_DIR"));
                   _exit(ids && sets && !back && home ? 42 : 43);
               }),
               says(42, ""));
@@ -159,13 +157,10 @@ TEST(Identity, FailuresEndTheProcess)
 {
     EXPECT_EQ(in_child([] { p_setuid("nosuch"); }),
               says_twice(1, "Unable to getpwnam for user nosuch\nUser nosuch not found\n"));
-    EXPECT_EQ(in_child([] { p_setuid("root"); }),
-              says_twice(1, "Cannot run as forbidden uid: 0\n"));
+    EXPECT_EQ(in_child([] { p_setuid("root"); }), says_twice(1, "Cannot run as forbidden uid: 0\n"));
     const std::string home = std::string(getenv("SANDBOX_DIR")) + "/missing";
     EXPECT_EQ(in_child([] { p_setuid("lost"); }),
-              says_twice(1,
-                         "Cannot chdir to lost homedir " + home
-                             + "\nSystem error 2: No such file or directory\n"));
+              says_twice(1, "Cannot chdir to lost homedir " + home + "\nSystem error 2: No such file or directory\n"));
     EXPECT_EQ(in_child([] {
                   if (setuid(kAlice) != 0)
                       _exit(0);
@@ -190,8 +185,7 @@ TEST(Waiting, ReducesAStatusToAnExitCode)
 {
     EXPECT_EQ(in_child([] {
                   int raw = 0;
-                  if (fork_exec_waitpid(child_that([] { _exit(3); }), "three", &raw) != 3
-                      || raw != 3 << 8)
+                  if (fork_exec_waitpid(child_that([] { _exit(3); }), "three", &raw) != 3 || raw != 3 << 8)
                       _exit(1);
                   if (fork_exec_waitpid(-1, nullptr, nullptr) != -1)
                       _exit(2);
@@ -217,8 +211,8 @@ TEST(Waiting, ReducesAStatusToAnExitCode)
     kill(child, SIGCONT);
     EXPECT_EQ(fork_exec_waitpid(child, "job", nullptr), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "waitpid(" + id + ")=" + id + ": process 'job' stopped by signal 19\n" + "waitpid("
-                  + id + ")=" + id + ": process 'job' killed by signal 15\n");
+              "waitpid(" + id + ")=" + id + ": process 'job' stopped by signal 19\n" + "waitpid(" + id + ")=" + id
+                  + ": process 'job' killed by signal 15\n");
 }
 
 TEST(Spawning, GivesTheChildItsStreamsAndNothingElse)
@@ -227,13 +221,10 @@ TEST(Spawning, GivesTheChildItsStreamsAndNothingElse)
                   const rlimit many = {1'000'000, 1'000'000};  // closing one by one would take long
                   setrlimit(RLIMIT_NOFILE, &many);
                   dup2(1, 77);
-                  const char* const list[] = {"sh", "-c", "ls /proc/$$/fd; readlink /proc/$$/fd/0",
-                                              nullptr};
-                  const pid_t pid = fork_execv_pipes(-1, dup(1), dup(2), "/bin/sh",
-                                                     const_cast<char* const*>(list));
+                  const char* const list[] = {"sh", "-c", "ls /proc/$$/fd; readlink /proc/$$/fd/0", nullptr};
+                  const pid_t pid = fork_execv_pipes(-1, dup(1), dup(2), "/bin/sh", const_cast<char* const*>(list));
                   const int code = fork_exec_waitpid(pid, "sh", nullptr);
-                  const pid_t bad = fork_execv_pipes(-1, dup(1), dup(2), "/no/such",
-                                                     const_cast<char* const*>(list));
+                  const pid_t bad = fork_execv_pipes(-1, dup(1), dup(2), "/no/such", const_cast<char* const*>(list));
                   _exit(code == 0 ? fork_exec_waitpid(bad, "bad", nullptr) : 1);
               }),
               (Result {255, "0\n1\n2\n/dev/null\n",

@@ -22,21 +22,20 @@ protected:
 
 TEST_F(Delete, TakesExactlyWhatIsListedChildrenFirst)
 {
-    for (const char* path : {"a/", "a/f", "a/b/", "a/b/g", "a-z", "a.txt", "own", "sp ace/",
-                             "sp ace/-n\nl", "caf\xc3\xa9", "full/", "full/x", "full/y"})
+    for (const char* path : {"a/", "a/f", "a/b/", "a/b/g", "a-z", "a.txt", "own", "sp ace/", "sp ace/-n\nl",
+                             "caf\xc3\xa9", "full/", "full/x", "full/y"})
         site_.put(path);
     fs::create_symlink("/", docroot("link"));
     fs::create_symlink("nowhere", docroot("a/dangling"));
     const std::string name(255, 'n');
     site_.put(name);
-    EXPECT_EQ(remove(site_.list({"a", "a/b", "a.txt", "a/f", "link", "a-z", "a/b/g", "missing/f",
-                                 "a/dangling", name, "sp ace", "sp ace/-n\nl", "caf&#233;", "full",
-                                 "", "full/x", "full/x", "<b>ow</b>n2"})),
-              says(0, "rmdir(\"" + docroot("full") + "\"): Directory not empty\n"));
-    EXPECT_EQ(site_.tree(),
-              (Tree {{"full", "d 755 alice:oxacln"},
-                     {"full/y", "- 644 alice:oxacln "},
-                     {"own", "- 644 alice:oxacln "}}));
+    EXPECT_EQ(
+        remove(site_.list({"a", "a/b", "a.txt", "a/f", "link", "a-z", "a/b/g", "missing/f", "a/dangling", name,
+                           "sp ace", "sp ace/-n\nl", "caf&#233;", "full", "", "full/x", "full/x", "<b>ow</b>n2"})),
+        says(0, "rmdir(\"" + docroot("full") + "\"): Directory not empty\n"));
+    EXPECT_EQ(
+        site_.tree(),
+        (Tree {{"full", "d 755 alice:oxacln"}, {"full/y", "- 644 alice:oxacln "}, {"own", "- 644 alice:oxacln "}}));
 }
 
 /// "Htdocs" before "CgiBin", descending; what cannot be removed is reported a line each, in that
@@ -47,19 +46,16 @@ TEST_F(Delete, ReportsInTheOrderOfRemoval)
     site_.put("d/f", "", 0644, kBob);
     site_.put("d-x");
     site_.put("e/", "", 0755, kBob);
-    const std::string list =
-        "<INSTANCE-DATA><SECTION PREFIX='cgi-bin'><FILE>c</FILE></SECTION>"
-        "<SECTION PREFIX='htdocs'><FILE>d</FILE><FILE>e/</FILE><FILE>/d/f</FILE>"
-        "<FILE>d/f</FILE><FILE>d-x/y</FILE><FILE>../../x</FILE><FILE>d/f/g</FILE></SECTION></"
-        "INSTANCE-DATA>";
+    const std::string list = "<INSTANCE-DATA><SECTION PREFIX='cgi-bin'><FILE>c</FILE></SECTION>"
+                             "<SECTION PREFIX='htdocs'><FILE>d</FILE><FILE>e/</FILE><FILE>/d/f</FILE>"
+                             "<FILE>d/f</FILE><FILE>d-x/y</FILE><FILE>../../x</FILE><FILE>d/f/g</FILE></SECTION></"
+                             "INSTANCE-DATA>";
     EXPECT_EQ(remove(list),
               says(0,
-                   "rmdir(\"" + docroot("e/.") + "\"): Invalid argument\n" + "lstat(\""
-                       + docroot("d-x/y") + "\"): Not a directory\n" + "lstat(\"" + docroot("d/f/g")
-                       + "\"): Not a directory\n" + "unlink(\"" + docroot("d/f")
-                       + "\"): Permission denied\n" + "rmdir(\"" + docroot("d")
-                       + "\"): Directory not empty\n" + "unlink(\"" + docroot("d/f")
-                       + "\"): Permission denied\n"));
+                   "rmdir(\"" + docroot("e/.") + "\"): Invalid argument\n" + "lstat(\"" + docroot("d-x/y")
+                       + "\"): Not a directory\n" + "lstat(\"" + docroot("d/f/g") + "\"): Not a directory\n"
+                       + "unlink(\"" + docroot("d/f") + "\"): Permission denied\n" + "rmdir(\"" + docroot("d")
+                       + "\"): Directory not empty\n" + "unlink(\"" + docroot("d/f") + "\"): Permission denied\n"));
     EXPECT_EQ(site_.tree().size(), 4u);
 }
 
@@ -72,8 +68,8 @@ TEST_F(Delete, ReportsNamesThatAreTooLong)
     path += "f";
     EXPECT_EQ(remove(site_.list({name, path})),
               says(0,
-                   "lstat(\"" + docroot(path) + "\"): File name too long\n" + "lstat(\""
-                       + docroot(name) + "\"): File name too long\n"));
+                   "lstat(\"" + docroot(path) + "\"): File name too long\n" + "lstat(\"" + docroot(name)
+                       + "\"): File name too long\n"));
 }
 
 TEST_F(Delete, RemovesThePrefixDirectoryLast)
@@ -122,10 +118,9 @@ TEST_F(Delete, AMalformedListEndsTheProcessWithNothingRemoved)
 {
     site_.put("f");
     const std::string list = site_.list({"f"});
-    for (const std::string& bad :
-         {std::string(), list.substr(0, list.size() - 3),
-          "<!DOCTYPE x [<!ENTITY a '" + std::string(100, 'x') + "'>]>" + list, list + list,
-          std::string("\x1f\x8b\x08\x00", 4)}) {
+    for (const std::string& bad : {std::string(), list.substr(0, list.size() - 3),
+                                   "<!DOCTYPE x [<!ENTITY a '" + std::string(100, 'x') + "'>]>" + list, list + list,
+                                   std::string("\x1f\x8b\x08\x00", 4)}) {
         const Result result = remove(bad);
         EXPECT_EQ(result.status, 128 + SIGABRT);
         EXPECT_EQ(result.out, "");
@@ -140,8 +135,7 @@ TEST_F(Delete, AMalformedListEndsTheProcessWithNothingRemoved)
 TEST_F(Delete, ChecksTheDocumentRootAsTheSiteUser)
 {
     const std::string none = site_.path("none");
-    EXPECT_EQ(remove("", {"--www-root=" + none}),
-              says(255, "Www root directory" + none + " does not exist\n"));
+    EXPECT_EQ(remove("", {"--www-root=" + none}), says(255, "Www root directory" + none + " does not exist\n"));
     site_.write("file", "");
     EXPECT_EQ(remove("", {"--www-root=" + site_.path("file")}),
               says(255, "Cannot chdir to " + site_.path("file") + ": Not a directory\n"));

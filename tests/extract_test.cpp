@@ -31,16 +31,12 @@ protected:
     }
     Result extract(const Words& changes = {}) const { return zendrel(site_.extract(changes)); }
     /// A failed installation: its message is printed before and after the rollback.
-    static Result fails(const std::string& message)
-    {
-        return says(1, message + "\n" + message + "\n");
-    }
+    static Result fails(const std::string& message) { return says(1, message + "\n" + message + "\n"); }
     std::string copy_error(const std::string& file, const std::string& reason, int code) const
     {
         const std::string from = site_.package("htdocs/" + file);
-        return "Filesystem error: boost::filesystem::copy_file: " + reason + ": \"" + from
-            + "\", \"" + site_.docroot(file) + "\"(system:" + std::to_string(code) + ")" + from
-            + " -> " + site_.docroot(file);
+        return "Filesystem error: boost::filesystem::copy_file: " + reason + ": \"" + from + "\", \""
+            + site_.docroot(file) + "\"(system:" + std::to_string(code) + ")" + from + " -> " + site_.docroot(file);
     }
 
     Site site_;
@@ -48,17 +44,16 @@ protected:
 
 TEST_F(Extract, FollowsTheMappings)
 {
-    package(
-        {"index.html", "cgi/run.pl", "cgi/x.pl.txt", "cgi/sub.pl/readme", "data/store", "data/d/e",
-         "data/cache/c", "off/run.pl"},
-        "<mapping url='/' path='htdocs'>"
-        "<mapping url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler></mapping>"
-        "<mapping url='off'><cgi:handler><cgi:disabled/></cgi:handler>"
-        "<cgi:handler><cgi:all-files/></cgi:handler></mapping>"
-        "<mapping url='data'><php:permissions writable='true'/><mapping url='cache'/></mapping>"
-        "<mapping url='bin' path='tools'><cgi:handler><cgi:all-files/></cgi:handler></mapping>"
-        "<mapping url='gone' path='nowhere'/>"
-        "<mapping url='old' virtual='redirect' href='/'/></mapping>");
+    package({"index.html", "cgi/run.pl", "cgi/x.pl.txt", "cgi/sub.pl/readme", "data/store", "data/d/e", "data/cache/c",
+             "off/run.pl"},
+            "<mapping url='/' path='htdocs'>"
+            "<mapping url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler></mapping>"
+            "<mapping url='off'><cgi:handler><cgi:disabled/></cgi:handler>"
+            "<cgi:handler><cgi:all-files/></cgi:handler></mapping>"
+            "<mapping url='data'><php:permissions writable='true'/><mapping url='cache'/></mapping>"
+            "<mapping url='bin' path='tools'><cgi:handler><cgi:all-files/></cgi:handler></mapping>"
+            "<mapping url='gone' path='nowhere'/>"
+            "<mapping url='old' virtual='redirect' href='/'/></mapping>");
     site_.write("package/tools/ping", "ping", 0600);
     ASSERT_EQ(chown(site_.package("tools/ping").c_str(), kAlice, kClients), 0);
     site_.put("own", "mine", 0600);
@@ -79,8 +74,7 @@ TEST_F(Extract, FollowsTheMappings)
                      {"off", "d 755 alice:oxacln"},
                      {"off/run.pl", "- 644 alice:oxacln off/run.pl"},
                      {"own", "- 600 alice:oxacln mine"}};
-    const Result warned =
-        says(0, "Source directory \"" + site_.package("nowhere") + "\" is not exist\n");
+    const Result warned = says(0, "Source directory \"" + site_.package("nowhere") + "\" is not exist\n");
     EXPECT_EQ(extract(), warned);
     EXPECT_EQ(site_.tree(), expected);
     EXPECT_EQ(extract({"--application-subdirectory=/"}), warned);  // over itself
@@ -107,18 +101,16 @@ TEST_F(Extract, TheLastMappingOfATargetWins)
     site_.write("package/second/same", "2");
     site_.write("package/second/only", "2");
     EXPECT_EQ(extract(), says(0, ""));
-    EXPECT_EQ(site_.tree(),
-              (Tree {{"only", "- 644 alice:oxacln 2"},
-                     {"one", "- 644 alice:oxacln 1"},
-                     {"same", "- 644 alice:oxacln 1"}}));
+    EXPECT_EQ(
+        site_.tree(),
+        (Tree {{"only", "- 644 alice:oxacln 2"}, {"one", "- 644 alice:oxacln 1"}, {"same", "- 644 alice:oxacln 1"}}));
 }
 
 TEST_F(Extract, KeepsNamesAndContentsAsTheyAre)
 {
     const std::string large(1'000'000, 'L');
-    const Words names = {
-        "sp ace", "new\nline",           "quo\"te'",        "\xff\xfe", "-rf", "a-b",
-        "a.b",    std::string(255, 'n'), "deep/deep/deep/f"};
+    const Words names = {"sp ace", "new\nline",           "quo\"te'",        "\xff\xfe", "-rf", "a-b",
+                         "a.b",    std::string(255, 'n'), "deep/deep/deep/f"};
     package(names);
     site_.write("package/htdocs/empty", "");
     site_.write("package/htdocs/large", large);
@@ -177,17 +169,14 @@ TEST_F(Extract, AnErrorTakesEverythingBackAndIsToldTwice)
         void (*prepare)(const Site& site);
         std::string message;
     };
-    const auto linked = [](const Site& site) {
-        fs::create_symlink("nowhere", site.package("htdocs/z"));
-    };
+    const auto linked = [](const Site& site) { fs::create_symlink("nowhere", site.package("htdocs/z")); };
     const Case cases[] = {
         {"dangling link", linked, copy_error("z", "No such file or directory", ENOENT)},
         {"unreadable", [](const Site& site) { site.write("package/htdocs/z", "z", 0600); },
          copy_error("z", "Permission denied", EACCES)},
         {"named pipe", [](const Site& site) { mkfifo(site.package("htdocs/z").c_str(), 0644); },
          copy_error("z", "Operation not supported", EOPNOTSUPP)},
-        {"too large",
-         [](const Site& site) { site.write("package/htdocs/z", std::string(300'000, 'z')); },
+        {"too large", [](const Site& site) { site.write("package/htdocs/z", std::string(300'000, 'z')); },
          copy_error("z", "File too large", EFBIG)},
         {"directory in the way",
          [](const Site& site) {
@@ -195,8 +184,8 @@ TEST_F(Extract, AnErrorTakesEverythingBackAndIsToldTwice)
              site.put("z/");
              site.put("z/full");
          },
-         "Filesystem error: boost::filesystem::remove: Directory not empty: \"" + site_.docroot("z")
-             + "\"(system:39)" + site_.package("htdocs/z") + " -> " + site_.docroot("z")},
+         "Filesystem error: boost::filesystem::remove: Directory not empty: \"" + site_.docroot("z") + "\"(system:39)"
+             + site_.package("htdocs/z") + " -> " + site_.docroot("z")},
         {"file in the way",
          [](const Site& site) {
              site.write("package/htdocs/z/f", "z");
@@ -241,8 +230,8 @@ TEST_F(Extract, TheRollbackSparesWhatIsNoTargetAndEndsAtWhatItCannotRemove)
     site_.put("blog/m/bobs/f", "", 0644, kBob);
     const std::string target = site_.docroot("blog/z");
     EXPECT_EQ(extract({"--application-subdirectory=blog"}),
-              fails("Filesystem error: boost::filesystem::remove: Directory not empty: \"" + target
-                    + "\"(system:39)" + site_.package("htdocs/z") + " -> " + target));
+              fails("Filesystem error: boost::filesystem::remove: Directory not empty: \"" + target + "\"(system:39)"
+                    + site_.package("htdocs/z") + " -> " + target));
     // z and m/new are gone, the first from the end; m held, so a was not reached.
     EXPECT_EQ(site_.tree("vhost/httpdocs/blog"),
               (Tree {{"a", "- 644 alice:oxacln a"},
@@ -255,13 +244,11 @@ TEST_F(Extract, RefusesWhatItMayNotWrite)
 {
     package({"d/f", "f"});
     site_.put("", "", 0555, kBob, kServices);
-    const std::string warning =
-        "Unable to change mode for " + site_.docroot() + ": Operation not permitted\n";
+    const std::string warning = "Unable to change mode for " + site_.docroot() + ": Operation not permitted\n";
     std::string shown = warning;
     shown.erase(shown.find("/: "), 1);
     const std::string error = "Unable to create directory " + site_.docroot("d");
-    EXPECT_EQ(extract({"--application-subdirectory=/"}),
-              says(1, shown + shown + error + "\n" + error + "\n"));
+    EXPECT_EQ(extract({"--application-subdirectory=/"}), says(1, shown + shown + error + "\n" + error + "\n"));
     EXPECT_TRUE(site_.tree().empty());
 
     // The parent is named once for each target in it, as long as its mode cannot be changed.
@@ -279,9 +266,8 @@ TEST_F(Extract, PathsThatAreTooLongEndInAnError)
     EXPECT_EQ(extract({"--application-subdirectory=" + subdir}).status, 1);
     EXPECT_EQ(extract({"--application-subdirectory=" + std::string(256, 's')}),
               fails("Filesystem error: boost::filesystem::status: File name too long: \""
-                    + site_.docroot(std::string(256, 's')) + "/\"(system:36)"
-                    + site_.package("htdocs") + " -> " + site_.docroot(std::string(256, 's'))
-                    + "/"));
+                    + site_.docroot(std::string(256, 's')) + "/\"(system:36)" + site_.package("htdocs") + " -> "
+                    + site_.docroot(std::string(256, 's')) + "/"));
     EXPECT_TRUE(site_.tree().empty());
 }
 
@@ -317,8 +303,8 @@ TEST_F(Extract, ModesOfWritableMappingsGainBitsByOwnerAndGroup)
         expected[name + ".d"] = "d 4" + std::string(c.directory);
     }
     const tarvik::FSAMetaDataReader metadata(site_.package("APP-META.xml"));
-    ASSERT_TRUE(tarvik::fsa_install_htdocsfiles(site_.path("package"), site_.path("vhost/httpdocs"),
-                                                ".", metadata, "alice", true));
+    ASSERT_TRUE(tarvik::fsa_install_htdocsfiles(site_.path("package"), site_.path("vhost/httpdocs"), ".", metadata,
+                                                "alice", true));
     expected["data"] = "d 2707 alice:oxacln";
     expected["data/new"] = "- 666 root:oxacln data/new";  // the set-group-id directory's group
     EXPECT_EQ(site_.tree(), expected);
@@ -331,8 +317,8 @@ TEST_F(Extract, DirectoriesThatReceiveFilesAreOpenedToTheSitesPeople)
     site_.put("g/", "", 0500, kBob);
     site_.put("o/", "", 0500, kBob, kServices);
     const tarvik::FSAMetaDataReader metadata(site_.package("APP-META.xml"));
-    ASSERT_TRUE(tarvik::fsa_install_htdocsfiles(site_.path("package"), site_.path("vhost/httpdocs"),
-                                                "/", metadata, "alice", true));
+    ASSERT_TRUE(tarvik::fsa_install_htdocsfiles(site_.path("package"), site_.path("vhost/httpdocs"), "/", metadata,
+                                                "alice", true));
     const Tree tree = site_.tree();
     EXPECT_EQ(tree.at("u"), "d 705 alice:oxacln");
     EXPECT_EQ(tree.at("g"), "d 570 bob:oxacln");
@@ -342,9 +328,8 @@ TEST_F(Extract, DirectoriesThatReceiveFilesAreOpenedToTheSitesPeople)
 /// Gives a directory a default ACL, which takes bits away from what is created in it.
 void set_default_acl(const std::string& dir, unsigned char user, unsigned char others)
 {
-    const unsigned char acl[] = {2,   0,   0,      0, 1,      0,   user, 0,   255, 255,
-                                 255, 255, 4,      0, others, 0,   255,  255, 255, 255,
-                                 32,  0,   others, 0, 255,    255, 255,  255};
+    const unsigned char acl[] = {2,      0, 0,   0,   1,   0,   user, 0, 255,    255, 255, 255, 4,   0,
+                                 others, 0, 255, 255, 255, 255, 32,   0, others, 0,   255, 255, 255, 255};
     ASSERT_EQ(setxattr(dir.c_str(), "system.posix_acl_default", acl, sizeof acl, 0), 0);
 }
 
@@ -386,8 +371,7 @@ TEST_F(Extract, ForeignFilesInAWritableMappingStayAsTheyAre)
     EXPECT_EQ(site_.tree().at("data/bobs"), "- 644 bob:oxacln ");
 
     site_.put("data/", "", 0775, kBob);  // but the mapping itself has to be widened
-    const std::string error =
-        "Unable to change mode for: " + site_.docroot("data") + " Error: Operation not permitted";
+    const std::string error = "Unable to change mode for: " + site_.docroot("data") + " Error: Operation not permitted";
     EXPECT_EQ(extract(), fails(error));
 }
 
@@ -400,25 +384,21 @@ TEST_F(Extract, ChecksItsOptionsFirst)
         std::string error;
     };
     const Case cases[] = {
-        {"--user-name=alice",
-         "required_option>(the option '--application-full-name' is required but missing)"},
+        {"--user-name=alice", "required_option>(the option '--application-full-name' is required but missing)"},
         {"--no-such=1", "unknown_option>(unrecognised option '--no-such=1')"},
-        {"--www-root",
-         "invalid_command_line_syntax>(the required argument for option '--www-root' is missing)"},
+        {"--www-root", "invalid_command_line_syntax>(the required argument for option '--www-root' is missing)"},
         {"--skip-webserver-write=",
          "invalid_command_line_syntax>(option '--skip-webserver-write' does not take any "
          "arguments)"},
     };
     for (const Case& c : cases)
-        EXPECT_EQ(zendrel({"--extract-application", c.words}),
-                  says_twice(1, fatal + c.error + "\n"));
+        EXPECT_EQ(zendrel({"--extract-application", c.words}), says_twice(1, fatal + c.error + "\n"));
 
     // Values may follow as words of their own, empty ones too, and names may be cut short.
-    EXPECT_EQ(
-        zendrel({"--extract-application", "--application-full", "file:///" + site_.path("package"),
-                 "--vhost-path", site_.vhost(), "--user=alice", "--application-sub", ".",
-                 "--metadata-file", "", "--www-root", site_.path("vhost/httpdocs"), "stray"}),
-        says(0, ""));
+    EXPECT_EQ(zendrel({"--extract-application", "--application-full", "file:///" + site_.path("package"),
+                       "--vhost-path", site_.vhost(), "--user=alice", "--application-sub", ".", "--metadata-file", "",
+                       "--www-root", site_.path("vhost/httpdocs"), "stray"}),
+              says(0, ""));
     EXPECT_EQ(site_.tree().count("f"), 1u);
 }
 
@@ -430,23 +410,18 @@ TEST_F(Extract, RefusesInItsOrderOfChecks)
     fs::create_directories(site_.path("odd/APP-META.xml"));
     const std::string full = "--application-full-name=";
     const auto no_metadata = [this](const std::string& dir) {
-        return says(
-            1, "Application metadata file " + site_.path(dir) + "/APP-META.xml does not exist\n");
+        return says(1, "Application metadata file " + site_.path(dir) + "/APP-META.xml does not exist\n");
     };
-    for (const std::string& name :
-         {"file:/" + site_.path("package"), std::string("file:"), std::string()})
-        EXPECT_EQ(extract({full + name}),
-                  says(1, "Invalid value " + name + "for --application-full-name option\n"));
+    for (const std::string& name : {"file:/" + site_.path("package"), std::string("file:"), std::string()})
+        EXPECT_EQ(extract({full + name}), says(1, "Invalid value " + name + "for --application-full-name option\n"));
     const std::string good = "--metadata-file=" + site_.path("good.xml");
     EXPECT_EQ(extract({full + "file:///" + site_.path("empty"), good}), no_metadata("empty"));
     EXPECT_EQ(extract({full + "file:///" + site_.path("odd"), good}), no_metadata("odd"));
-    EXPECT_EQ(extract({full + "file:///"}),
-              says(1, "Application metadata file /APP-META.xml does not exist\n"));
+    EXPECT_EQ(extract({full + "file:///"}), says(1, "Application metadata file /APP-META.xml does not exist\n"));
     for (const std::string& vhost : {site_.path("none"), site_.path("good.xml"), std::string()})
         EXPECT_EQ(extract({"--vhost-path=" + vhost, "--metadata-file=none", "--user-name=nosuch"}),
                   says(1, "Virtual host root directory" + vhost + "does not exist\n"));
-    EXPECT_EQ(extract({"--metadata-file=none", "--user-name=nosuch"}),
-              says(1, "Unable to load file: none\n"));
+    EXPECT_EQ(extract({"--metadata-file=none", "--user-name=nosuch"}), says(1, "Unable to load file: none\n"));
     EXPECT_EQ(extract({"--user-name=root"}), says_twice(1, "Cannot run as forbidden uid: 0\n"));
     EXPECT_TRUE(site_.tree().empty());
 
@@ -470,9 +445,9 @@ TEST_F(Extract, CanCleanTheDocumentRootFirst)
     for (const char* where : {"blog", "."}) {
         subdir = where;
         EXPECT_EQ(in_child([] {
-                      _exit(tarvik::fsa_extract_application(
-                          "file:///" + site->path("package"), site->vhost(),
-                          site->path("vhost/httpdocs"), "alice", subdir, 1, "", true));
+                      _exit(tarvik::fsa_extract_application("file:///" + site->path("package"), site->vhost(),
+                                                            site->path("vhost/httpdocs"), "alice", subdir, 1, "",
+                                                            true));
                   }),
                   says(0, ""));
         // Only an installation into the document root itself cleans it.
@@ -508,13 +483,11 @@ TEST_F(Extract, RootChangesNothing)
         EXPECT_EQ(run(words, input), says(0, ""));
         return read(site_.path("trace"));
     };
-    const Words changing = {"O_CREAT",    "O_WRONLY", "O_RDWR",    " mkdir",         " rmdir",
-                            " unlink",    " rename",  " chmod",    " fchmod",        " chown",
-                            " fchown",    " lchown",  " link",     " symlink",       " truncate",
-                            " ftruncate", " mknod",   " setxattr", " socket(AF_INET"};
+    const Words changing = {"O_CREAT",   "O_WRONLY",   "O_RDWR", " mkdir",    " rmdir",         " unlink", " rename",
+                            " chmod",    " fchmod",    " chown", " fchown",   " lchown",        " link",   " symlink",
+                            " truncate", " ftruncate", " mknod", " setxattr", " socket(AF_INET"};
     for (const std::string& text :
-         {trace(site_.extract(), ""),
-          trace(site_.remove(), site_.list({"f", "d/g", "d", "data/s"}))}) {
+         {trace(site_.extract(), ""), trace(site_.remove(), site_.list({"f", "d/g", "d", "data/s"}))}) {
         const std::size_t groups = text.find("setgroups(1, [28010])");
         const std::size_t gid = text.find("setgid(28010)", groups);
         const std::size_t uid = text.find("setuid(28001)", gid);
@@ -522,8 +495,7 @@ TEST_F(Extract, RootChangesNothing)
         for (const std::string& call : changing)
             EXPECT_GT(text.find(call), uid) << call;
         EXPECT_EQ(text.find("setuid", uid + 1), std::string::npos);
-        EXPECT_NE(text.find("unlink", uid) != std::string::npos,
-                  text.find("mkdir(", uid) != std::string::npos);
+        EXPECT_NE(text.find("unlink", uid) != std::string::npos, text.find("mkdir(", uid) != std::string::npos);
     }
 }
 

@@ -21,10 +21,7 @@ std::string application(const std::string& content, const std::string& attribute
         + attributes + ">" + content + "</application>";
 }
 
-std::string package(const std::string& mappings)
-{
-    return application(kHead + mappings);
-}
+std::string package(const std::string& mappings) { return application(kHead + mappings); }
 
 /// Everything read from the mappings, one line each.
 std::string summary(const FSAMetaDataReader& reader)
@@ -58,10 +55,7 @@ protected:
         site_.write("meta.xml", text);
         return site_.path("meta.xml");
     }
-    std::string mappings(const std::string& text)
-    {
-        return summary(FSAMetaDataReader(write(package(text))));
-    }
+    std::string mappings(const std::string& text) { return summary(FSAMetaDataReader(write(package(text)))); }
     std::string error(const std::string& text) { return error_of(write(text)); }
     static std::string error_of(const std::string& name)
     {
@@ -78,11 +72,11 @@ protected:
 
 TEST_F(Metadata, FieldsAreTheTextsOfTheirFirstElements)
 {
-    const FSAMetaDataReader reader(write(
-        application("<name>a<b>b</b><!--x--><![CDATA[&c]]>&lt;</name><name>no</name><version/>"
-                    "<release>7</release><configuration-script-language>php"
-                    "</configuration-script-language>",
-                    "version='1.1'")));
+    const FSAMetaDataReader reader(
+        write(application("<name>a<b>b</b><!--x--><![CDATA[&c]]>&lt;</name><name>no</name><version/>"
+                          "<release>7</release><configuration-script-language>php"
+                          "</configuration-script-language>",
+                          "version='1.1'")));
     EXPECT_EQ(reader.name(), "ab&c<");
     EXPECT_EQ(reader.version(), "");
     EXPECT_EQ(reader.release(), "7");
@@ -106,10 +100,8 @@ TEST_F(Metadata, RefusalsNameWhatIsMissing)
     const std::string unreadable = "Unable to load file: " + site_.path("meta.xml");
     const Case cases[] = {
         {"no name", application("<version/><release/>"), format + "<s:name> element is missing."},
-        {"no version", application("<name/><release/>"),
-         format + "<s:version> element is missing."},
-        {"no release reads as no name", application("<name/><version/>"),
-         format + "<s:name> element is missing."},
+        {"no version", application("<name/><release/>"), format + "<s:version> element is missing."},
+        {"no release reads as no name", application("<name/><version/>"), format + "<s:name> element is missing."},
         {"another namespace", "<application>" + std::string(kHead) + "</application>",
          format + "<s:name> element is missing."},
         {"no url", package("<mapping path='x'/>"), format + "<s:mapping> has no url attribute."},
@@ -146,8 +138,7 @@ TEST_F(Metadata, MappingsNestTheirUrlsAndMostlyTheirPaths)
     const Case cases[] = {
         {"slashes at the joint only", "<mapping url='/app/'><mapping url='///docs//'/></mapping>",
          "/app/ 2 /app/\n/app/docs// 4 /app/docs//\n"},
-        {"a child of / is as deep as /", "<mapping url='/'><mapping url='x'/></mapping>",
-         "/ 1 /\n/x 1 /x\n"},
+        {"a child of / is as deep as /", "<mapping url='/'><mapping url='x'/></mapping>", "/ 1 /\n/x 1 /x\n"},
         {"an explicit path starts at the root, an empty one does not count",
          "<mapping url='a' path='//htdocs'><mapping url='b' path='files'/><mapping url='c' "
          "path=''/>"
@@ -178,8 +169,7 @@ TEST_F(Metadata, MappingsNestTheirUrlsAndMostlyTheirPaths)
          "mapping>",
          "/a 1 /a php: .PHP : php-off cgi-off cgi-all cgi:pl:pl\n"},
         {"foreign elements and attributes are ignored",
-         "<mapping c:url='z' url='a'><x:handler xmlns:x='u'/><handler/></mapping><other/>",
-         "/a 1 /a\n"},
+         "<mapping c:url='z' url='a'><x:handler xmlns:x='u'/><handler/></mapping><other/>", "/a 1 /a\n"},
         {"entities in attributes", "<mapping url='a&amp;b&#47;c'/>", "/a&b/c 2 /a&b/c\n"},
     };
     for (const Case& c : cases) {
@@ -217,8 +207,7 @@ TEST_F(Metadata, EntitiesAreSubstitutedWithinReason)
     EXPECT_EQ(summary(reader), "/xx 1 /xx\n");
 
     site_.write("secret", "leaked");
-    const FSAMetaDataReader outside(write("<!DOCTYPE application [<!ENTITY e SYSTEM '"
-                                          + site_.path("secret") + "'>]>"
+    const FSAMetaDataReader outside(write("<!DOCTYPE application [<!ENTITY e SYSTEM '" + site_.path("secret") + "'>]>"
                                           + application("<name>[&e;]</name><version/><release/>")));
     EXPECT_EQ(outside.name(), "[]");
 }
@@ -226,8 +215,7 @@ TEST_F(Metadata, EntitiesAreSubstitutedWithinReason)
 /// Documents of up to 1 MB that make a careless reader use gigabytes or minutes.
 TEST_F(Metadata, HostileFilesAreReadOrRefusedCheaply)
 {
-    const std::string entity =
-        "<!DOCTYPE application [<!ENTITY a '" + std::string(60'000, 'x') + "'>]>";
+    const std::string entity = "<!DOCTYPE application [<!ENTITY a '" + std::string(60'000, 'x') + "'>]>";
     std::string laughs = "<!DOCTYPE application [<!ENTITY a0 ''>";
     for (int i = 1; i < 39; ++i) {
         const std::string inner = "&a" + std::to_string(i - 1) + ";";
@@ -244,10 +232,8 @@ TEST_F(Metadata, HostileFilesAreReadOrRefusedCheaply)
     }
     const std::string refs = repeated("&a;", 60'000);
     const std::pair<const char*, std::string> cases[] = {
-        {"a long entity named often",
-         entity + application("<name>" + refs + "</name><version/><release/>")},
-        {"the same in attributes",
-         entity + package(repeated("<mapping url='" + refs + "'/>", 900'000))},
+        {"a long entity named often", entity + application("<name>" + refs + "</name><version/><release/>")},
+        {"the same in attributes", entity + package(repeated("<mapping url='" + refs + "'/>", 900'000))},
         {"entities of entities", laughs + application("<name>&a38;</name><version/><release/>")},
         {"the same in an attribute", laughs + package("<mapping url='&a38;'/>")},
         {"entities that name each other",
@@ -259,16 +245,15 @@ TEST_F(Metadata, HostileFilesAreReadOrRefusedCheaply)
         {"many mappings", package(repeated("<mapping url='a'/>\n", 990'000))},
         {"deep nesting", package(repeated("<mapping url='a'>", 500'000))},
         {"a long URL above many",
-         package("<mapping url='" + std::string(60'000, 'a') + "'>"
-                 + repeated("<mapping url='b'/>", 300'000) + "</mapping>")},
+         package("<mapping url='" + std::string(60'000, 'a') + "'>" + repeated("<mapping url='b'/>", 300'000)
+                 + "</mapping>")},
     };
     for (const auto& [why, text] : cases) {
         SCOPED_TRACE(why);
         EXPECT_LE(text.size(), 1'000'000u);
         site_.write("hostile.xml", text);
         site_.metadata("");
-        const Result result =
-            zendrel(site_.extract({"--metadata-file=" + site_.path("hostile.xml")}));
+        const Result result = zendrel(site_.extract({"--metadata-file=" + site_.path("hostile.xml")}));
         EXPECT_EQ(result, says(1, "Unable to load file: " + site_.path("hostile.xml") + "\n"));
 #ifndef ZENDREL_SANITIZED
         EXPECT_LE(result.peakKilobytes, 64 * 1024);

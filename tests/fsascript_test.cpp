@@ -25,8 +25,7 @@ class RunScript : public testing::Test {
 protected:
     RunScript()
     {
-        configure("PRODUCT_ROOT_D " + site_.path("product") + "\nCLIENT_PHP_BIN "
-                  + site_.path("client-php") + "\n");
+        configure("PRODUCT_ROOT_D " + site_.path("product") + "\nCLIENT_PHP_BIN " + site_.path("client-php") + "\n");
     }
     ~RunScript() override { fs::remove("/etc/oxa/oxa.conf"); }
 
@@ -49,10 +48,9 @@ protected:
     }
     Result run_script(const Words& changes = {}, const Words& positional = {}) const
     {
-        Words words = changed({"--run-application-script",
-                               "--application-full-name=file:///" + site_.path("package"),
-                               "--script-name=install", "--user-name=alice",
-                               "--script-file-name=mine", "--script-language=binary"},
+        Words words = changed({"--run-application-script", "--application-full-name=file:///" + site_.path("package"),
+                               "--script-name=install", "--user-name=alice", "--script-file-name=mine",
+                               "--script-language=binary"},
                               changes);
         words.insert(words.end(), positional.begin(), positional.end());
         return zendrel(words);
@@ -81,17 +79,16 @@ TEST_F(RunScript, ArgumentsArriveInOrder)
     script(std::string("#!/bin/sh\n") + kShowArguments);
     EXPECT_EQ(run_script({"--script-name=query"}), prints("[query]\n"));
     EXPECT_EQ(run_script({},
-                         {"one", "--additional-script-params=t w o", "", "three",
-                          "--additional-script-params", "four", "--", "--five"}),
+                         {"one", "--additional-script-params=t w o", "", "three", "--additional-script-params", "four",
+                          "--", "--five"}),
               prints("[install]\n[one]\n[t w o]\n[]\n[three]\n[four]\n[--five]\n"));
 }
 
 TEST_F(RunScript, ThePhpCandidatesAreTriedInTheirOrder)
 {
     const auto php_run = [this](const std::string& name) {
-        return prints(
-            name + "\n[-d]\n[variables_order=EGPCS]\n[-d]\n[safe_mode=0]\n[-d]\n[open_basedir=]\n["
-            + path("configure") + "]\n[install]\n[more]\n");
+        return prints(name + "\n[-d]\n[variables_order=EGPCS]\n[-d]\n[safe_mode=0]\n[-d]\n[open_basedir=]\n["
+                      + path("configure") + "]\n[install]\n[more]\n");
     };
     const Words cli = {"--php-cli=" + site_.path("cli-php")};
     const Result none = says(255, "Unable to find command line php interpreter.\n");
@@ -122,21 +119,16 @@ TEST_F(RunScript, RealInterpretersRunRealScripts)
     metadata("php");
     script("<?php echo implode('|', array_slice($argv, 1)), ini_get('open_basedir'), "
            "ini_get('variables_order'), \"\\n\"; exit(3);");
-    EXPECT_EQ(run_script({"--php-cli=/usr/bin/php"}, {"x"}),
-              (Result {3, "install|xEGPCS\n", "", 0}));
+    EXPECT_EQ(run_script({"--php-cli=/usr/bin/php"}, {"x"}), (Result {3, "install|xEGPCS\n", "", 0}));
 }
 
 TEST_F(RunScript, RefusesInItsOrderOfChecks)
 {
     const std::string bad = "--script-name=explode";
-    EXPECT_EQ(run_script({"--application-full-name=file:///", bad}),
-              says(255, "Failed to get package path\n"));
-    EXPECT_EQ(run_script({"--application-full-name=/srv/application"}),
-              says(255, "Failed to get package path\n"));
-    EXPECT_EQ(
-        run_script({bad}),
-        says(255,
-             "Caught exception: Unable to load file: " + site_.package("APP-META.xml") + "\n"));
+    EXPECT_EQ(run_script({"--application-full-name=file:///", bad}), says(255, "Failed to get package path\n"));
+    EXPECT_EQ(run_script({"--application-full-name=/srv/application"}), says(255, "Failed to get package path\n"));
+    EXPECT_EQ(run_script({bad}),
+              says(255, "Caught exception: Unable to load file: " + site_.package("APP-META.xml") + "\n"));
     metadata("cobol");
     EXPECT_EQ(run_script({bad}), says(255, "Config script language 'cobol' is not supported!\n"));
     metadata("PHP");
@@ -148,8 +140,7 @@ TEST_F(RunScript, RefusesInItsOrderOfChecks)
     script("#!/bin/sh\n");
     EXPECT_EQ(run_script({"--user-name=root"}), says_twice(1, "Cannot run as forbidden uid: 0\n"));
     ASSERT_EQ(chmod(site_.package("scripts").c_str(), 0700), 0);
-    EXPECT_EQ(run_script(),
-              says(1, "Unable to change current directory to " + site_.package("scripts") + "\n"));
+    EXPECT_EQ(run_script(), says(1, "Unable to change current directory to " + site_.package("scripts") + "\n"));
     EXPECT_EQ(run_script({"--script-params=x"}).status, 1);
     EXPECT_EQ(zendrel({"--run-application-script"}).status, 1);
 }
@@ -166,9 +157,8 @@ TEST_F(RunScript, TheScriptHasTheSiteUsersRightsAndNothingElse)
     const std::string none = "0000000000000000\n";
     // The shell itself keeps the script open, as 10.
     EXPECT_EQ(result,
-              prints("28001\n28010\n" + site_.package("scripts")
-                     + "\n/dev/null\n0\n1\n10\n2\nkept\nCapInh:\t" + none + "CapPrm:\t" + none
-                     + "CapEff:\t" + none));
+              prints("28001\n28010\n" + site_.package("scripts") + "\n/dev/null\n0\n1\n10\n2\nkept\nCapInh:\t" + none
+                     + "CapPrm:\t" + none + "CapEff:\t" + none));
 }
 
 TEST_F(RunScript, TheEndOfTheScriptIsReported)
@@ -178,8 +168,7 @@ TEST_F(RunScript, TheEndOfTheScriptIsReported)
     const Result killed = run_script();
     EXPECT_EQ(killed.status, 255);
     EXPECT_EQ(killed.out, killed.err);
-    EXPECT_NE(killed.err.find(": process '" + path("configure") + "' killed by signal 9\n"),
-              std::string::npos)
+    EXPECT_NE(killed.err.find(": process '" + path("configure") + "' killed by signal 9\n"), std::string::npos)
         << killed.err;
     script("#!/no/such/interpreter\n");
     EXPECT_EQ(run_script(),
@@ -201,8 +190,8 @@ TEST(ForkExecvPipes, SwitchesUserAndSetsTheEnvironment)
                   if (pipe(pipe_ends) != 0 || write(pipe_ends[1], "input\n", 6) != 6)
                       _exit(1);
                   close(pipe_ends[1]);
-                  const pid_t child = tarvik::forkExecvPipes(pipe_ends[0], 1, 2, "sh", words, "bob",
-                                                             {{"A", "new"}, {"B", "!"}});
+                  const pid_t child =
+                      tarvik::forkExecvPipes(pipe_ends[0], 1, 2, "sh", words, "bob", {{"A", "new"}, {"B", "!"}});
                   _exit(fork_exec_waitpid(child, "sh", nullptr));
               }),
               (Result {0, "bob\nnew!\ninput\n", "", 0}));
@@ -211,8 +200,7 @@ TEST(ForkExecvPipes, SwitchesUserAndSetsTheEnvironment)
                   const pid_t child = tarvik::forkExecvPipes(99, 1, 2, "sh", words, "", {});
                   _exit(fork_exec_waitpid(child, "sh", nullptr));
               }),
-              says_twice(
-                  1, "Fatal error: tarvik::SystemError(dup2Custom failed: Bad file descriptor)\n"));
+              says_twice(1, "Fatal error: tarvik::SystemError(dup2Custom failed: Bad file descriptor)\n"));
 }
 
 }  // namespace

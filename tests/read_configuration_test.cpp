@@ -20,15 +20,9 @@ constexpr char kFile[] = "/etc/oxa/oxa.conf";
 
 using Table = std::unique_ptr<conf_table, void (*)(conf_table*)>;
 
-Table new_table()
-{
-    return Table(static_cast<conf_table*>(std::calloc(1, sizeof(conf_table))), conf_free_r);
-}
+Table new_table() { return Table(static_cast<conf_table*>(std::calloc(1, sizeof(conf_table))), conf_free_r); }
 
-void write_file(const std::string& text)
-{
-    std::ofstream(kFile, std::ios::binary) << text;
-}
+void write_file(const std::string& text) { std::ofstream(kFile, std::ios::binary) << text; }
 
 /// What a file of this text says about KEY; "(none)" when nothing.
 std::string value_in(const std::string& text)
@@ -168,9 +162,8 @@ TEST(ConfTable, StaysAsItWasWhenMemoryRunsOut)
                   }
                   if (conf_read_file_r(kFile, empty.get()) != -1 || errno != ENOMEM
                       || conf_set_r("A", "new", full.get()) != -1 || errno != ENOMEM
-                      || conf_set_r("A", "new", roomy.get()) != -1 || errno != ENOMEM
-                      || autoprepend() != -1 || *conf_get_r("A", full.get()) != 'o'
-                      || *conf_get_r("A", roomy.get()) != 'o')
+                      || conf_set_r("A", "new", roomy.get()) != -1 || errno != ENOMEM || autoprepend() != -1
+                      || *conf_get_r("A", full.get()) != 'o' || *conf_get_r("A", roomy.get()) != 'o')
                       _exit(1);
               }),
               says_twice(0,
@@ -187,35 +180,33 @@ TEST(OxaConf, TriesAgainUntilTheFileIsThereAndThenKeepsIt)
                                 "No such file or directory\n\n";
     const std::string unknown = " was found neither in /etc/oxa/oxa.conf, "
                                 "nor in compile-time defaults\n";
-    EXPECT_EQ(in_child([] {
-                  unlink(kFile);
-                  LogLevel = 12;
-                  if (oxaConfGetByIndex(OXA_HTTPD_VHOSTS_D) != nullptr || arrayInitialized != 1
-                      || oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D) != "/var/www/vhosts"s)
-                      _exit(1);
-                  LogLevel = 6;
-                  write_file("HTTPD_VHOSTS_D /srv\nOWN x\nCLIENT_PHP_BIN=/bin/php\n");
-                  const char* const value = oxaConfGetByIndex(OXA_HTTPD_VHOSTS_D);
-                  if (value != "/srv"s || theOxaConfArray[OXA_HTTPD_VHOSTS_D] != value)
-                      _exit(2);
-                  unlink(kFile);
-                  theOxaConfArray[OXA_PRODUCT_ROOT_D] = "kept";  // a filled slot is not looked up
-                  if (autoprepend() != 0 || oxaConfGetDefault("HTTPD_VHOSTS_D") != value
-                      || oxaConfGetDefaultByIndex(OXA_PRODUCT_ROOT_D) != "kept"s
-                      || oxaConfGet("PRODUCT_ROOT_D") != nullptr || oxaConfGet("OWN") != "x"s
-                      || oxaConfGetDefaultByIndex(OXA_CLIENT_PHP_BIN) != "/opt/oxa/bin/php-cli"s
-                      || theOxaConfArray[OXA_CLIENT_PHP_BIN] != nullptr)
-                      _exit(3);
-                  if (oxaConfGetDefault("_MIN_POSSIBLE_OXA_CONF_VAR_NAME")
-                          != "_MIN_POSSIBLE_OXA_CONF_VAR_VALUE"s
-                      || oxaConfGetDefault("SA_MAX_MAIL_SIZE") != theOxaConfDefauls[28]
-                      || oxaConfGetDefault("OWN") != nullptr
-                      || oxaConfGetDefault("_MAX_POSSIBLE_OXA_CONF_VAR_NAME") != nullptr)
-                      _exit(4);
-              }),
-              says_twice(0,
-                         missing + missing + "variable 'OWN'" + unknown
-                             + "variable '_MAX_POSSIBLE_OXA_CONF_VAR_NAME'" + unknown));
+    EXPECT_EQ(
+        in_child([] {
+            unlink(kFile);
+            LogLevel = 12;
+            if (oxaConfGetByIndex(OXA_HTTPD_VHOSTS_D) != nullptr || arrayInitialized != 1
+                || oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D) != "/var/www/vhosts"s)
+                _exit(1);
+            LogLevel = 6;
+            write_file("HTTPD_VHOSTS_D /srv\nOWN x\nCLIENT_PHP_BIN=/bin/php\n");
+            const char* const value = oxaConfGetByIndex(OXA_HTTPD_VHOSTS_D);
+            if (value != "/srv"s || theOxaConfArray[OXA_HTTPD_VHOSTS_D] != value)
+                _exit(2);
+            unlink(kFile);
+            theOxaConfArray[OXA_PRODUCT_ROOT_D] = "kept";  // a filled slot is not looked up
+            if (autoprepend() != 0 || oxaConfGetDefault("HTTPD_VHOSTS_D") != value
+                || oxaConfGetDefaultByIndex(OXA_PRODUCT_ROOT_D) != "kept"s || oxaConfGet("PRODUCT_ROOT_D") != nullptr
+                || oxaConfGet("OWN") != "x"s || oxaConfGetDefaultByIndex(OXA_CLIENT_PHP_BIN) != "/opt/oxa/bin/php-cli"s
+                || theOxaConfArray[OXA_CLIENT_PHP_BIN] != nullptr)
+                _exit(3);
+            if (oxaConfGetDefault("_MIN_POSSIBLE_OXA_CONF_VAR_NAME") != "_MIN_POSSIBLE_OXA_CONF_VAR_VALUE"s
+                || oxaConfGetDefault("SA_MAX_MAIL_SIZE") != theOxaConfDefauls[28] || oxaConfGetDefault("OWN") != nullptr
+                || oxaConfGetDefault("_MAX_POSSIBLE_OXA_CONF_VAR_NAME") != nullptr)
+                _exit(4);
+        }),
+        says_twice(0,
+                   missing + missing + "variable 'OWN'" + unknown + "variable '_MAX_POSSIBLE_OXA_CONF_VAR_NAME'"
+                       + unknown));
 }
 
 }  // namespace

@@ -14,10 +14,9 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-constexpr char kHeader[] =
-    "# ATTENTION!\n"
-    "# DO NOT MODIFY THIS FILE OR ANY PART OF IT. THIS CAN RESULT IN IMPROPER TARVIK\n"
-    "# FUNCTIONING OR FAILURE, CAUSE DAMAGE AND LOSS OF DATA.\n";
+constexpr char kHeader[] = "# ATTENTION!\n"
+                           "# DO NOT MODIFY THIS FILE OR ANY PART OF IT. THIS CAN RESULT IN IMPROPER TARVIK\n"
+                           "# FUNCTIONING OR FAILURE, CAUSE DAMAGE AND LOSS OF DATA.\n";
 
 class WebserverConfig : public testing::Test {
 protected:
@@ -28,24 +27,20 @@ protected:
     }
     ~WebserverConfig() override { fs::remove("/etc/oxa/oxa.conf"); }
 
-    std::string conf(const std::string& below = "") const
-    {
-        return site_.path("system/vhost/conf/" + below);
-    }
+    std::string conf(const std::string& below = "") const { return site_.path("system/vhost/conf/" + below); }
     std::string file() const { return conf("siteapp.d/app.conf"); }
     Words command(const Words& changes = {}) const
     {
-        return changed({"--install-apache-conf", "--vhost-path=" + site_.vhost(),
-                        "--www-root=/docs", "--application-subdirectory=.",
-                        "--metadata-file=" + site_.package("APP-META.xml"),
+        return changed({"--install-apache-conf", "--vhost-path=" + site_.vhost(), "--www-root=/docs",
+                        "--application-subdirectory=.", "--metadata-file=" + site_.package("APP-META.xml"),
                         "--config-file-name=app.conf"},
                        changes);
     }
     Result install(const Words& changes = {}) const { return zendrel(command(changes)); }
     Result remove(const Words& changes = {}) const
     {
-        return zendrel(changed({"--remove-apache-conf", "--vhost-path=" + site_.vhost(),
-                                "--www-root=ignored", "--config-file-name=app.conf"},
+        return zendrel(changed({"--remove-apache-conf", "--vhost-path=" + site_.vhost(), "--www-root=ignored",
+                                "--config-file-name=app.conf"},
                                changes));
     }
     /// The text that these mappings give, without the header.
@@ -101,15 +96,14 @@ TEST_F(WebserverConfig, WritesEachHandlerByteForByte)
         {"only php by extension", "<cgi:handler><cgi:extension>php</cgi:extension></cgi:handler>",
          byExtension("  AddHandler php-script .php\n")},
         {"php comes first, then all in their order",
-         "<cgi:handler><cgi:disabled/></cgi:handler><cgi:handler><cgi:all-files/></cgi:handler>"
-             + php + "<php:handler><php:disabled/></php:handler>",
+         "<cgi:handler><cgi:disabled/></cgi:handler><cgi:handler><cgi:all-files/></cgi:handler>" + php
+             + "<php:handler><php:disabled/></php:handler>",
          phpOn + phpOff + cgiOff + cgiAll},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.why);
         EXPECT_EQ(text("<mapping url='/'>" + c.handlers + "</mapping>"),
-                  c.body.empty() ? "no file"
-                                 : "<Directory /docs/ >\n\n" + c.body + "\n</Directory>\n\n");
+                  c.body.empty() ? "no file" : "<Directory /docs/ >\n\n" + c.body + "\n</Directory>\n\n");
     }
 }
 
@@ -147,8 +141,7 @@ TEST_F(WebserverConfig, LeavesTheFileAloneInTheEnd)
     EXPECT_EQ(mode_of(file()), 0600u);
     EXPECT_EQ(site_.tree("system/vhost/conf").size(), 2u);  // nothing temporary stays
 
-    EXPECT_EQ(text(handlers,
-                   {"--disable-php-support=1", "--disable-cgi-support=1", "--metadata-file=none"}),
+    EXPECT_EQ(text(handlers, {"--disable-php-support=1", "--disable-cgi-support=1", "--metadata-file=none"}),
               "no file");
     text(handlers);
     EXPECT_EQ(text("<mapping url='/'/>"), "no file");
@@ -178,13 +171,11 @@ TEST_F(WebserverConfig, ErrorsKeepTheOldFileAndNothingTemporary)
               says(255,
                    "Filesystem exception during config creation: "
                    "boost::filesystem::create_directory: No such file or directory: \""
-                       + site_.path("system/host/conf//siteapp.d")
-                       + "\" error code: (system:2)\n"));
+                       + site_.path("system/host/conf//siteapp.d") + "\" error code: (system:2)\n"));
     // What is neither ends the process. Nobody can make a file in a directory of that name.
     const Result other = install({"--config-file-name=" + std::string(252, 'n')});
     EXPECT_EQ(other.status, 128 + SIGABRT);
-    EXPECT_NE(other.err.find("mkstemp() failed: : File name too long"), std::string::npos)
-        << other.err;
+    EXPECT_NE(other.err.find("mkstemp() failed: : File name too long"), std::string::npos) << other.err;
 }
 
 TEST_F(WebserverConfig, RemovalFailuresReachTheTop)

@@ -37,18 +37,9 @@ int deleteApplication(int argc, char** argv)
     return 0;
 }
 
-int runApplicationScript(int /*argc*/, char** /*argv*/)
-{
-    return 10;
-}
-int installWebserverConfig(int /*argc*/, char** /*argv*/)
-{
-    return 20;
-}
-int removeWebserverConfig(int /*argc*/, char** /*argv*/)
-{
-    return 30;
-}
+int runApplicationScript(int /*argc*/, char** /*argv*/) { return 10; }
+int installWebserverConfig(int /*argc*/, char** /*argv*/) { return 20; }
+int removeWebserverConfig(int /*argc*/, char** /*argv*/) { return 30; }
 
 }  // namespace tarvik
 

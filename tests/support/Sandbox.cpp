@@ -59,8 +59,8 @@ Result run_child(const std::string& input, Body body)
     rusage usage = {};
     if (child < 0 || ::wait4(child, &status, 0, &usage) != child)
         std::abort();
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.content(),
-            err.content(), usage.ru_maxrss};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.content(), err.content(),
+            usage.ru_maxrss};
 }
 
 void limit(int resource, rlim_t value)
@@ -72,27 +72,16 @@ void limit(int resource, rlim_t value)
 
 }  // namespace
 
-bool operator==(const Result& a, const Result& b)
-{
-    return a.status == b.status && a.out == b.out && a.err == b.err;
-}
+bool operator==(const Result& a, const Result& b) { return a.status == b.status && a.out == b.out && a.err == b.err; }
 
 std::ostream& operator<<(std::ostream& out, const Result& result)
 {
-    return out << "status " << result.status << "\n--- out\n"
-               << result.out << "--- err\n"
-               << result.err << "---";
+    return out << "status " << result.status << "\n--- out\n" << result.out << "--- err\n" << result.err << "---";
 }
 
-Result says(int status, const std::string& err)
-{
-    return {status, "", err, 0};
-}
+Result says(int status, const std::string& err) { return {status, "", err, 0}; }
 
-Result says_twice(int status, const std::string& text)
-{
-    return {status, text, text, 0};
-}
+Result says_twice(int status, const std::string& text) { return {status, text, text, 0}; }
 
 Words changed(Words words, const Words& changes)
 {
@@ -152,22 +141,15 @@ Site::Site()
         std::fprintf(stderr, "start the tests through tests/support/sandbox.sh\n");
         std::abort();
     }
-    root_ =
-        std::string(base) + "/site" + std::to_string(::getpid()) + "." + std::to_string(++count);
+    root_ = std::string(base) + "/site" + std::to_string(::getpid()) + "." + std::to_string(++count);
     ::umask(022);
     fs::create_directories(vhost());
     put("");
 }
 
-Site::~Site()
-{
-    fs::remove_all(root_);
-}
+Site::~Site() { fs::remove_all(root_); }
 
-std::string Site::path(const std::string& below) const
-{
-    return below.empty() ? root_ : root_ + "/" + below;
-}
+std::string Site::path(const std::string& below) const { return below.empty() ? root_ : root_ + "/" + below; }
 
 void Site::write(const std::string& below, const std::string& content, mode_t mode) const
 {
@@ -176,8 +158,7 @@ void Site::write(const std::string& below, const std::string& content, mode_t mo
     ASSERT_EQ(0, ::chmod(path(below).c_str(), mode));
 }
 
-void Site::put(const std::string& below, const std::string& content, mode_t mode, uid_t owner,
-               gid_t group) const
+void Site::put(const std::string& below, const std::string& content, mode_t mode, uid_t owner, gid_t group) const
 {
     const std::string target = docroot(below);
     if (target.back() == '/') {
@@ -226,11 +207,8 @@ Tree Site::tree(const std::string& below) const
 {
     static const std::map<uid_t, std::string> users = {
         {0, "root"}, {kAlice, "alice"}, {kBob, "bob"}, {kCarol, "carol"}, {kWebServer, "www-data"}};
-    static const std::map<gid_t, std::string> groups = {{0, "root"},
-                                                        {kClients, "oxacln"},
-                                                        {kServices, "oxaserv"},
-                                                        {kEditors, "editors"},
-                                                        {kWebServer, "www-data"}};
+    static const std::map<gid_t, std::string> groups = {
+        {0, "root"}, {kClients, "oxacln"}, {kServices, "oxaserv"}, {kEditors, "editors"}, {kWebServer, "www-data"}};
     Tree tree;
     const fs::path top = path(below);
     for (fs::recursive_directory_iterator entry(top), end; entry != end; ++entry) {

@@ -64,18 +64,15 @@ public:
 
     std::string path(const std::string& below = "") const;
     std::string package(const std::string& below = "") const { return path("package/" + below); }
-    std::string docroot(const std::string& below = "") const
-    {
-        return path("vhost/httpdocs/" + below);
-    }
+    std::string docroot(const std::string& below = "") const { return path("vhost/httpdocs/" + below); }
     std::string vhost() const { return path("vhost"); }
 
     /// Writes a file with its parents, all owned by root, so packages are read-only for the site
     /// user.
     void write(const std::string& below, const std::string& content, mode_t mode = 0644) const;
     /// The same in the document root, owned by `owner`; a path ending in "/" is a directory.
-    void put(const std::string& below, const std::string& content = "", mode_t mode = 0644,
-             uid_t owner = kAlice, gid_t group = kClients) const;
+    void put(const std::string& below, const std::string& content = "", mode_t mode = 0644, uid_t owner = kAlice,
+             gid_t group = kClients) const;
     /// Writes APP-META.xml with these mappings.
     void metadata(const std::string& mappings) const;
 
