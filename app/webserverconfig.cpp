@@ -141,19 +141,26 @@ std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSourc
     return "<Directory " + source.wwwRoot + path + " >\n\n" + body + "\n</Directory>\n\n";
 }
 
+/// On a full disk the old file is better than half of a new one.
+void write_or_throw(TmpFile& file, const std::string& text)
+{
+    errno = 0;
+    file << text << std::flush;
+    if (!file)
+        throw fs::filesystem_error("write", file.name(),
+                                   {errno == 0 ? EIO : errno, boost::system::system_category()});
+}
+
 /// @return whether anything but the header was written.
 bool write_config(TmpFile& file, const FSAMetaDataReader& metadata, const ConfigSource& source)
 {
     bool written = false;
-    file << kHeader;
+    write_or_throw(file, kHeader);
     for (const FSAMetaDataWebContent& mapping : metadata.webContents()) {
         const std::string text = mapping_text(mapping, source);
-        file << text << std::flush;
+        write_or_throw(file, text);
         written = written || !text.empty();
     }
-    file.flush();
-    if (!file)  // on a full disk the old file is better than half of a new one
-        throw fs::filesystem_error("write", file.name(), {EIO, boost::system::system_category()});
     return written;
 }
 

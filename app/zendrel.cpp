@@ -6,6 +6,9 @@
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -47,6 +50,16 @@ constexpr char kUsage[] =
 
 using CommandHandler = int (*)(int argc, char** argv);
 
+/// A file that is opened under the number of a missing stream would receive its messages.
+void occupy_standard_descriptors()
+{
+    int descriptor = STDIN_FILENO;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = ::open("/dev/null", O_RDWR);
+    if (descriptor > STDERR_FILENO)
+        static_cast<void>(::close(descriptor));
+}
+
 }  // namespace
 
 int do_main(int argc, char** argv)
@@ -83,6 +96,7 @@ int helpCommand(int /*argc*/, char** /*argv*/)
 
 int main(int argc, char** argv)
 {
+    tarvik::occupy_standard_descriptors();
     try {
         return tarvik::do_main(argc, argv);
     } catch (const tarvik::TarvikUtilException& e) {
