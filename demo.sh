@@ -6,15 +6,23 @@ unset CDPATH
 export LC_ALL=C
 umask 022
 
-usage="usage: ./demo.sh [PACKAGE_DIR]
+usage="usage: ./demo.sh [--serve | PACKAGE_DIR]
 
-Deploys the package in PACKAGE_DIR (a directory with an APP-META.xml; without one, the guestbook in
-examples/packages) into a throw-away site, shows the result, and removes it again. Needs root and
-Debian 12; installs the Debian packages that are missing, builds the program into build/demo and
-works in tests/support/sandbox.sh, which leaves the host's accounts and sites alone."
+Without arguments, shows the life of an application: the guestbook in examples/packages is deployed
+into a throw-away site, prepared by its script, served by Apache and signed, and removed again. With
+--serve it can be visited before it is removed, until Ctrl-C.
 
+With PACKAGE_DIR, a directory with an APP-META.xml, that package is deployed and removed. Its script
+is not run and it is not served, but Apache checks the configuration generated for it.
+
+Needs root and Debian 12; installs the Debian packages that are missing, builds the program into
+build/demo and works in tests/support/sandbox.sh, which leaves the host's accounts and sites alone.
+Apache listens on this host only, at a free port, with a configuration of its own."
+
+# apache2-bin has the server without its service.
 debian_packages=(g++ cmake make libboost-filesystem-dev libboost-program-options-dev libxml2-dev
-    tree util-linux mount)
+    tree util-linux mount procps apache2-bin libapache2-mod-php perl curl)
+guestbook=examples/packages/guestbook
 own_page=kept-by-its-owner.html
 own_text='A page that the owner of the site had before.'
 max_lines=80
@@ -33,8 +41,14 @@ show() { # COMMAND, as text
 }
 
 run() { # COMMAND, as text: what is shown is what is run
-    show "$1"
-    eval "$1" || fail "the command above ended with status $?"
+    run_expecting 0 "$1"
+}
+
+run_expecting() { # STATUS COMMAND
+    show "$2"
+    local status=0
+    eval "$2" || status=$?
+    [ "$status" -eq "$1" ] || fail "the command above ended with status $status, not $1"
 }
 
 # --- Outside the sandbox --------------------------------------------------------------------------
@@ -74,41 +88,65 @@ build() {
     quietly build/demo/build.log cmake --build build/demo --parallel "$(nproc)"
 }
 
-prepare() { # [PACKAGE_DIR]
+prepare() { # [--serve | PACKAGE_DIR]
     if [ "${1-}" = -h ] || [ "${1-}" = --help ]; then
         echo "$usage"
         exit 0
-    elif [ $# -gt 1 ] || [[ ${1-} == -* ]]; then
+    elif [ $# -gt 1 ] || { [[ ${1-} == -* ]] && [ "$1" != --serve ]; }; then
         echo "$usage" >&2
         exit 2
     fi
     [ "$(id -u)" -eq 0 ] || fail "must be run as root, for example with sudo"
-    local package=examples/packages/guestbook
-    if [ $# -eq 1 ]; then
+    local way=${1-} package=
+    if [ -n "$way" ] && [ "$way" != --serve ]; then
         [ -d "$1" ] || fail "$1 is no directory; a package has to be unpacked first"
+        way=package
         package=$(realpath -- "$1")
+        [ -f "$package/APP-META.xml" ] || fail "$package is not a package: it has no APP-META.xml"
     fi
     cd -- "$(dirname -- "$(realpath -- "$0")")"
-    [ -f "$package/APP-META.xml" ] || fail "$package is not a package: it has no APP-META.xml"
     mkdir -p build/demo
     rm -f build/demo/*.log
     install_missing
     build
-    # The sandbox hides a directory of the host. What lies in there stays within reach of whoever has
-    # it open: this descriptor the package, the working directory everything else.
-    exec 3<"$package"
     printf '\nFrom here on in tests/support/sandbox.sh: alice and her site exist only there.\n'
-    exec tests/support/sandbox.sh ./demo.sh --inside "$package"
+    in_sandbox ./demo.sh --inside "$way" "$package"
+}
+
+in_sandbox() { # COMMAND [ARGUMENT...]
+    local sandbox status
+    # The sandbox answers a signal only when its command has ended, so the command gets it. Job
+    # control keeps the terminal from sending Ctrl-C to both.
+    set -m
+    tests/support/sandbox.sh "$@" </dev/null &
+    sandbox=$!
+    set +m
+    trap 'pkill -TERM -P "$sandbox" -x demo.sh || kill -TERM -- "-$sandbox" || true' INT TERM HUP
+    while :; do # a signal ends wait, but not what is waited for
+        status=0
+        wait "$sandbox" || status=$?
+        kill -0 "$sandbox" 2>/dev/null || exit "$status"
+    done
 }
 
 # --- Inside the sandbox ---------------------------------------------------------------------------
 
+first_lines() { # MAX
+    awk -v max="$1" '
+        NR <= max
+        END { if (NR > max) print "... and " NR - max " more lines" }'
+}
+
 show_tree() { # DIR
     show "tree -pug $1"
     echo
-    tree -pug -- "$1" | awk -v max="$max_lines" '
-        NR <= max
-        END { if (NR > max) print "... and " NR - max " more lines" }'
+    tree -pug -- "$1" | first_lines "$max_lines"
+}
+
+show_head() { # FILE MAX
+    show "cat $1"
+    echo
+    first_lines "$2" <"$1"
 }
 
 check_names() { # DIR
@@ -126,22 +164,25 @@ check_removal() { # SITE
         fail "the owner's page is missing or changed"
 }
 
-demonstrate() { # PACKAGE_DIR
-    local site=$SANDBOX_DIR/example.com package=$SANDBOX_DIR/package list=$SANDBOX_DIR/list.xml
-    local docroot=$site/httpdocs
-
-    heading "A site of alice, with a page of her own"
-    run "mkdir -p $docroot
+make_site() {
+    heading "A host with a site of alice, and a page of her own in it"
+    if [ "$SANDBOX_MODE" != namespace ] && [ -e /etc/oxa/oxa.conf ]; then
+        fail "/etc/oxa/oxa.conf exists, and here it cannot be replaced without a trace"
+    fi
+    trap clean_up EXIT
+    run "mkdir -p $docroot $conf
 echo '$own_text' >$docroot/$own_page
-chown -R alice:oxacln $site"
+chown -R alice:oxacln $site
+echo 'HTTPD_VHOSTS_D $vhosts' >/etc/oxa/oxa.conf"
+}
 
+copy_package() { # PACKAGE_DIR
     heading "The package, where alice may read it"
-    run "mkdir $package"
-    show "cp -R ${1@Q}/. $package"
-    cp -R /proc/self/fd/3/. "$package" || fail "the package cannot be copied" # the same directory
-    exec 3<&-
-    run "chmod -R a+rX $package"
+    run "cp -R ${1@Q}/. $package
+chmod -R a+rX $package"
+}
 
+extract() {
     heading "Deploy it"
     run "build/demo/zendrel --extract-application \\
     --application-full-name=file:///$package \\
@@ -151,7 +192,9 @@ chown -R alice:oxacln $site"
     --application-subdirectory=. \\
     --metadata-file="
     show_tree "$site"
+}
 
+list_files() {
     heading "List its files"
     check_names "$docroot"
     run "{
@@ -162,11 +205,41 @@ chown -R alice:oxacln $site"
         sed -z 's/^/<FILE>/; s/\$/<\\/FILE>/' | tr '\\0' '\\n'
     echo '</SECTION></INSTANCE-DATA>'
 } >$list"
-    show "head -n 8 $list"
-    echo
-    head -n 8 "$list"
+    show_head "$list" 8
+}
 
-    heading "Remove it"
+run_script() { # EXPECTED_STATUS ACTION [ARGUMENT...]
+    run_expecting "$1" "build/demo/zendrel --run-application-script \\
+    --application-full-name=file:///$package \\
+    --script-name=$2 \\
+    --user-name=alice \\
+    --script-file-name= \\
+    --script-language= \\
+    --additional-script-params=--data=$docroot/data${3+" \\
+    --additional-script-params=$3"}"
+}
+
+install_conf() {
+    heading "Configure Apache for it"
+    run "build/demo/zendrel --install-apache-conf \\
+    --vhost-path=$site \\
+    --www-root=$docroot \\
+    --application-subdirectory=. \\
+    --metadata-file=$package/APP-META.xml \\
+    --config-file-name=application.conf"
+}
+
+remove_conf() {
+    heading "Take Apache's configuration away"
+    run "build/demo/zendrel --remove-apache-conf \\
+    --vhost-path=$site \\
+    --www-root=$docroot \\
+    --config-file-name=application.conf"
+    [ ! -e "$generated" ] || fail "$generated should be gone"
+}
+
+delete() {
+    heading "Delete its files"
     run "build/demo/zendrel --delete-application \\
     --vhost-path=$site \\
     --www-root=$docroot \\
@@ -174,12 +247,207 @@ chown -R alice:oxacln $site"
     --application-subdirectory=. <$list"
     show_tree "$site"
     check_removal "$site"
-    printf '\nShown: %s was deployed into the site and removed again; only the page of its owner is left.\n' \
-        "$(basename -- "$1")"
 }
 
+# --- Apache ---------------------------------------------------------------------------------------
+
+free_port() {
+    local port
+    for port in $(shuf -n 100 -i 20000-29999); do
+        (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || break
+    done
+    echo "$port"
+}
+
+write_server_config() { # PORT
+    local modules=/usr/lib/apache2/modules php
+    php=$(find "$modules" -name 'libphp*.so' | sort | tail -n 1)
+    mkdir "$server"
+    # Nothing is left to the directories that the server was built for: those are the host's own.
+    cat >"$server/apache.conf" <<END
+ServerRoot $server
+DefaultRuntimeDir $server
+Mutex file:$server
+PidFile $server/pid
+ErrorLog $server/error.log
+TypesConfig /dev/null
+PHPIniDir $server
+ServerName 127.0.0.1
+Listen 127.0.0.1:$1
+User www-data
+Group www-data
+
+LoadModule mpm_prefork_module $modules/mod_mpm_prefork.so
+LoadModule authz_core_module $modules/mod_authz_core.so
+LoadModule alias_module $modules/mod_alias.so
+LoadModule cgi_module $modules/mod_cgi.so
+LoadModule dir_module $modules/mod_dir.so
+LoadModule mime_module $modules/mod_mime.so
+LoadModule php_module $php
+
+DirectoryIndex index.html index.php
+AddType text/html .html
+AddType text/css .css
+AddType image/svg+xml .svg
+DocumentRoot $docroot
+<Directory $docroot>
+  Require all granted
+</Directory>
+
+# The conditions that zendrel writes for PHP hold for older modules than PHP 8's.
+<FilesMatch "\.php$">
+  SetHandler application/x-httpd-php
+</FilesMatch>
+
+# What zendrel writes for the site's applications.
+IncludeOptional ${conf}siteapp.d/*.conf
+END
+    # PHP would also read the host's settings.
+    export PHP_INI_SCAN_DIR=
+}
+
+# Also when something failed; what the sandbox held goes with it.
+clean_up() {
+    stop_server
+    rm -f /etc/oxa/oxa.conf
+}
+
+stop_server() {
+    local pid
+    pid=$(cat "$server/pid" 2>/dev/null) || return 0
+    kill -TERM "$pid" 2>/dev/null || return 0
+    tail --pid="$pid" -s 0.1 -f /dev/null
+}
+
+answer() { # URL
+    curl -s -o /dev/null -w '%{http_code}' "$1"
+}
+
+expect_answer() { # STATUS URL: soon, as the server takes a moment to read its configuration again
+    local try
+    for try in $(seq 100); do
+        [ "$(answer "$2")" != "$1" ] || return 0
+        sleep 0.1
+    done
+    fail "$2 answers $(answer "$2") after $((try / 10)) seconds, not $1"
+}
+
+start_server() {
+    local port
+    port=$(free_port)
+    url=http://127.0.0.1:$port
+    heading "Start Apache with that configuration"
+    write_server_config "$port"
+    show_head "$server/apache.conf" "$max_lines"
+    run "apache2 -f $server/apache.conf -k start"
+    expect_answer 200 "$url/index.html"
+}
+
+visit() {
+    heading "Visit it: static pages, PHP, programs, the redirect"
+    run "curl -sS $url/ | grep '<h1>'"
+    run "curl -sS $url/stats.php | grep 'Entries:'"
+    run "curl -sS $url/tools/ping"
+    run "curl -sSi $url/home | grep -E '^(HTTP|Location)'"
+    run "curl -sS $url/cgi-bin/guestbook.pl | grep 'Entries so far'"
+
+    heading "Sign it"
+    run "curl -sSi $url/cgi-bin/guestbook.pl \\
+    -d name=Visitor --data-urlencode 'message=Hello, alice!' |
+    grep -E '^(HTTP|Location)'"
+    run "curl -sS $url/cgi-bin/guestbook.pl | grep -E 'Entries so far: 1|Hello, alice!'"
+    run "ls -l $docroot/data/entries.txt"
+}
+
+serve() {
+    local asleep
+    heading "Open for visitors"
+    sleep infinity &
+    asleep=$!
+    trap 'kill $asleep 2>/dev/null || true' INT TERM HUP
+    printf '\n    %s/\n\nCtrl-C ends the visit and removes everything.\n' "$url"
+    wait "$asleep" || true
+    trap 'exit 130' INT TERM HUP
+}
+
+# --- The two ways ---------------------------------------------------------------------------------
+
+finish() { # PACKAGE WHAT
+    printf "\nShown: %s was %s; only the page of the site's owner is left.\n" "$1" "$2"
+}
+
+whole_life() { # [--serve]
+    make_site
+    copy_package "$guestbook"
+    extract
+    list_files
+    heading "Let its script prepare the data"
+    run_script 0 install
+    install_conf
+    run "ls -l $generated"
+    show_head "$generated" 30
+    start_server
+    visit
+    [ "${1-}" != --serve ] || serve
+
+    heading "Let its script clean up; it keeps what visitors wrote (status 3) unless it is forced"
+    run_script 3 remove
+    run_script 0 remove --force
+    remove_conf
+    run "apache2 -f $server/apache.conf -k graceful"
+    expect_answer 404 "$url/home"
+    delete
+
+    heading "Nothing answers any more but alice's own page"
+    local path
+    for path in "" home stats.php cgi-bin/guestbook.pl "$own_page"; do
+        run "curl -sS -o /dev/null -w '%{http_code} %{url}\\n' $url/$path"
+        [ "$path" = "$own_page" ] || expect_answer 404 "$url/$path"
+    done
+    expect_answer 200 "$url/$own_page"
+    stop_server
+    finish guestbook 'deployed, served and removed again'
+}
+
+deploy_and_delete() { # PACKAGE_DIR
+    make_site
+    copy_package "$1"
+    extract
+    list_files
+    install_conf
+    if [ -e "$generated" ]; then
+        show_head "$generated" "$max_lines"
+        write_server_config "$(free_port)"
+        show "apache2 -f $server/apache.conf -t"
+        apache2 -f "$server/apache.conf" -t ||
+            printf '\nApache refuses this configuration: it must not be included.\n'
+    else
+        printf '\nNothing had to be configured: there is no file.\n'
+    fi
+    remove_conf
+    delete
+    finish "$(basename -- "$1")" 'deployed and removed again'
+}
+
+# Running an application's script moves the position in a regular file back to its beginning.
+[ ! -f /dev/stdout ] || exec >>/dev/stdout
+[ ! -f /dev/stderr ] || exec 2>>/dev/stderr
+
 if [ "${1-}" = --inside ]; then
-    demonstrate "$2"
+    trap 'exit 130' INT TERM HUP
+    vhosts=$SANDBOX_DIR/vhosts
+    site=$vhosts/example.com
+    docroot=$site/httpdocs
+    conf=$vhosts/system/example.com/conf/
+    generated=${conf}siteapp.d/application.conf
+    package=$SANDBOX_DIR/package
+    list=$SANDBOX_DIR/list.xml
+    server=$SANDBOX_DIR/apache
+    if [ "$2" = package ]; then
+        deploy_and_delete "$3"
+    else
+        whole_life "$2"
+    fi
 else
     prepare "$@"
 fi
