@@ -3,8 +3,7 @@
 namespace tarvik::layout {
 
 VirtualHost::VirtualHost(const std::string& name, const std::string& root)
-    : name_(name)
-    , root_(root)
+    : name_(name), root_(root)
 {
 }
 
