@@ -1,6 +1,7 @@
 #include "common/xml.h"
 
 #include <libxml/SAX2.h>
+#include <libxml/encoding.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
@@ -9,8 +10,10 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace tarvik {
 
@@ -22,7 +25,8 @@ constexpr std::size_t kMaxTreeBytes = 16 * 1024 * 1024;
 // The parser's work on one tag grows with the square of its attributes, its work on any tag with
 // the namespaces in scope and the attribute defaults declared: all three are kept small.
 constexpr std::size_t kMaxBytesBetweenEvents = 64 * 1024;
-constexpr std::size_t kMaxNamespaces = 64;
+constexpr int kMaxAttributes = 256;
+constexpr std::size_t kMaxNamespacesInScope = 64;
 constexpr std::size_t kMaxDeclarations = 1'000;
 constexpr int kMaxTextDepth = 2'000;
 
@@ -40,6 +44,41 @@ struct FreeParserContext {
     }
 };
 using ParserContext = std::unique_ptr<xmlParserCtxt, FreeParserContext>;
+
+/**
+ * @param start  the first bytes of a document, its XML declaration among them.
+ * @return whether the library reads its encoding by itself: for any other it would have the system
+ *         load a conversion module, at the wish of whoever wrote the document.
+ */
+bool has_plain_encoding(std::string_view start)
+{
+    constexpr const char* kPlain[] = {"UTF-8",    "UTF8",       "UTF-16",   "UTF-16LE",
+                                      "UTF-16BE", "ISO-8859-1", "US-ASCII", "ASCII"};
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(start.data());
+    const xmlCharEncoding family =
+        start.size() < 4 ? XML_CHAR_ENCODING_NONE : xmlDetectCharEncoding(bytes, 4);
+    if (family != XML_CHAR_ENCODING_NONE && family != XML_CHAR_ENCODING_UTF8
+        && family != XML_CHAR_ENCODING_UTF16LE && family != XML_CHAR_ENCODING_UTF16BE)
+        return false;
+
+    std::string text(start);
+    text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());  // of two-byte characters
+    if (text.find("<?xml") > 3)  // after a byte order mark at most
+        return true;
+    const std::size_t end = text.find("?>");
+    if (end == std::string::npos)
+        return false;
+    text.resize(end);
+    const std::size_t open = text.find_first_of("\"'", text.find("encoding"));
+    if (text.find("encoding") == std::string::npos || open == std::string::npos)
+        return true;
+    const std::string name = text.substr(open + 1, text.find(text[open], open + 1) - open - 1);
+    return std::any_of(std::begin(kPlain), std::end(kPlain), [&name](const char* plain) {
+        return xmlStrcasecmp(reinterpret_cast<const xmlChar*>(name.c_str()),
+                             reinterpret_cast<const xmlChar*>(plain))
+            == 0;
+    });
+}
 
 /// One reading: feeds the parser, counts what the document costs, and ends it when it is too much.
 class Reading {
@@ -75,18 +114,31 @@ public:
     }
 
     /// Every event comes through here. @return false when the document has become too expensive.
-    bool event(std::size_t nodes = 0, std::size_t namespaces = 0, std::size_t declarations = 0)
+    bool event(std::size_t nodes = 0, std::size_t declarations = 0)
     {
         bytesSinceEvent_ = 0;
         nodes_ += visitor_ == nullptr ? nodes : 0;  // a visitor's nodes are not kept
-        namespaces_ += namespaces;
         declarations_ += declarations;
-        if (nodes_ > kMaxTreeNodes || namespaces_ > kMaxNamespaces
-            || declarations_ > kMaxDeclarations) {
-            refused_ = true;
-            xmlStopParser(context_.get());
-        }
+        if (nodes_ > kMaxTreeNodes || declarations_ > kMaxDeclarations)
+            refuse();
         return !refused_;
+    }
+
+    bool start_tag(int namespaces, int attributes)
+    {
+        scopes_.push_back(static_cast<std::size_t>(namespaces));
+        namespacesInScope_ += scopes_.back();
+        if (namespacesInScope_ > kMaxNamespacesInScope || attributes > kMaxAttributes)
+            refuse();
+        // An attribute is a node and holds one.
+        return event(1 + scopes_.back() + 2 * static_cast<std::size_t>(attributes));
+    }
+
+    bool end_tag()
+    {
+        namespacesInScope_ -= scopes_.back();
+        scopes_.pop_back();
+        return event();
     }
 
     /// Hands one event to the visitor. Nothing may unwind through the library.
@@ -112,19 +164,35 @@ public:
 private:
     static int read_some(void* self, char* buffer, int size)
     {
-        return static_cast<Reading*>(self)->read_some(buffer, size);
+        auto& reading = *static_cast<Reading*>(self);
+        try {
+            return reading.fill(buffer, static_cast<std::size_t>(size));
+        } catch (...) {
+            reading.failure_ = std::current_exception();
+            return -1;
+        }
     }
 
-    int read_some(char* buffer, int size)
+    int fill(char* buffer, std::size_t size)
     {
-        const int count = source_(buffer, size);
-        if (count > 0) {
-            bytes_ += static_cast<std::size_t>(count);
-            bytesSinceEvent_ += static_cast<std::size_t>(count);
+        std::size_t count = 0;
+        for (int more = 1; more > 0 && count < size; count += static_cast<std::size_t>(more)) {
+            more = source_(buffer + count, static_cast<int>(size - count));
+            refused_ = refused_ || more < 0;
+            more = std::max(more, 0);
         }
-        refused_ = refused_ || count < 0 || bytesSinceEvent_ > kMaxBytesBetweenEvents
+        refused_ = refused_ || (bytes_ == 0 && !has_plain_encoding({buffer, count}));
+        bytes_ += count;
+        bytesSinceEvent_ += count;
+        refused_ = refused_ || bytesSinceEvent_ > kMaxBytesBetweenEvents
             || (visitor_ == nullptr && bytes_ > kMaxTreeBytes);
-        return refused_ ? -1 : count;
+        return refused_ ? -1 : static_cast<int>(count);
+    }
+
+    void refuse()
+    {
+        refused_ = true;
+        xmlStopParser(context_.get());
     }
 
     XmlSource source_;
@@ -133,8 +201,9 @@ private:
     std::size_t bytes_ = 0;
     std::size_t bytesSinceEvent_ = 0;
     std::size_t nodes_ = 0;
-    std::size_t namespaces_ = 0;
     std::size_t declarations_ = 0;
+    std::size_t namespacesInScope_ = 0;
+    std::vector<std::size_t> scopes_;  ///< namespaces declared by each open element
     bool refused_ = false;
     bool stopped_ = false;
     std::exception_ptr failure_;
@@ -149,11 +218,14 @@ xmlSAXHandler tree_handler()
     sax.startElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
                             const xmlChar* uri, int namespaceCount, const xmlChar** namespaces,
                             int attributeCount, int defaultedCount, const xmlChar** attributes) {
-        // An attribute is a node and holds one.
-        const auto nodes = 1 + 2 * static_cast<std::size_t>(attributeCount);
-        if (Reading::of(context).event(nodes, static_cast<std::size_t>(namespaceCount)))
+        if (Reading::of(context).start_tag(namespaceCount, attributeCount))
             xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces,
                                   attributeCount, defaultedCount, attributes);
+    };
+    sax.endElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
+                          const xmlChar* uri) {
+        if (Reading::of(context).end_tag())
+            xmlSAX2EndElementNs(context, name, prefix, uri);
     };
     sax.characters = [](void* context, const xmlChar* text, int length) {
         if (Reading::of(context).event(1))
@@ -174,18 +246,18 @@ xmlSAXHandler tree_handler()
     };
     sax.entityDecl = [](void* context, const xmlChar* name, int type, const xmlChar* publicId,
                         const xmlChar* systemId, xmlChar* content) {
-        if (Reading::of(context).event(1, 0, 1))
+        if (Reading::of(context).event(1, 1))
             xmlSAX2EntityDecl(context, name, type, publicId, systemId, content);
     };
     sax.attributeDecl = [](void* context, const xmlChar* element, const xmlChar* name, int type,
                            int def, const xmlChar* value, xmlEnumeration* tree) {
-        if (Reading::of(context).event(1, 0, 1))
+        if (Reading::of(context).event(1, 1))
             xmlSAX2AttributeDecl(context, element, name, type, def, value, tree);
         else
             xmlFreeEnumeration(tree);
     };
     sax.elementDecl = [](void* context, const xmlChar* name, int type, xmlElementContent* content) {
-        if (Reading::of(context).event(1, 0, 1))
+        if (Reading::of(context).event(1, 1))
             xmlSAX2ElementDecl(context, name, type, content);
     };
     return sax;
@@ -207,7 +279,7 @@ xmlSAXHandler visitor_handler()
                             const xmlChar* uri, int namespaceCount, const xmlChar**,
                             int attributeCount, int, const xmlChar** attributes) {
         Reading& reading = Reading::of(context);
-        if (!reading.event(0, static_cast<std::size_t>(namespaceCount)))
+        if (!reading.start_tag(namespaceCount, attributeCount))
             return;
         reading.visit([&](XmlVisitor& visitor) {
             // Without a declaration the prefix is part of the name.
@@ -219,7 +291,9 @@ xmlSAXHandler visitor_handler()
         });
     };
     sax.endElementNs = [](void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
-        Reading::of(context).visit([](XmlVisitor& visitor) { visitor.end_element(); });
+        Reading& reading = Reading::of(context);
+        if (reading.end_tag())
+            reading.visit([](XmlVisitor& visitor) { visitor.end_element(); });
     };
     sax.characters = [](void* context, const xmlChar* text, int length) {
         Reading::of(context).visit([text, length](XmlVisitor& visitor) {
@@ -322,15 +396,18 @@ std::string xml_text(const _xmlNode* node, XmlBudget& budget)
 std::optional<std::string> xml_attribute(const _xmlNode* element, const char* name,
                                          XmlBudget& budget)
 {
-    for (const xmlAttr* attribute = element->properties; attribute != nullptr;
-         attribute = attribute->next) {
-        if (attribute->ns == nullptr && view(attribute->name) == name) {
-            std::string value;
-            append_text(value, attribute->children, budget);
-            return value;
-        }
+    const xmlAttr* const attribute = xmlHasNsProp(const_cast<xmlNode*>(element),
+                                                  reinterpret_cast<const xmlChar*>(name), nullptr);
+    if (attribute == nullptr)
+        return std::nullopt;
+    std::string value;
+    if (attribute->type == XML_ATTRIBUTE_DECL) {  // the default that the document type gives
+        value = view(reinterpret_cast<const xmlAttribute*>(attribute)->defaultValue);
+        budget.spend(value.size());
+    } else {
+        append_text(value, attribute->children, budget);
     }
-    return std::nullopt;
+    return value;
 }
 
 std::optional<std::string_view> XmlAttributes::find(std::string_view name) const
