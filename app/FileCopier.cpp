@@ -27,7 +27,7 @@ constexpr mode_t kModeBits = 07777;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kProgramMode = 0755;
 
-// Most files of a web application are read and written with one call each.
+// Most files of a web application fit in: one read, one write, and a read that finds the end.
 constexpr std::size_t kBufferSize = 128 * 1024;
 constexpr std::size_t kKernelStep = std::size_t {1} << 30;
 

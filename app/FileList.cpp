@@ -82,6 +82,8 @@ std::vector<ListedEntry> read_directory(const std::string& path)
         throw_filesystem_error("boost::filesystem::directory_iterator::construct", path, errno);
     static_cast<void>(descriptor.release());  // the stream owns it now
 
+    // Names can be read without a search permission, but then none of them can be examined.
+    const bool searchable = ::faccessat(::dirfd(directory.get()), ".", F_OK, 0) == 0;
     std::vector<ListedEntry> entries;
     for (;;) {
         errno = 0;
@@ -90,7 +92,8 @@ std::vector<ListedEntry> read_directory(const std::string& path)
             break;
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..")
-            entries.push_back({std::string(name), entry_type(*entry)});
+            entries.push_back(
+                {std::string(name), searchable ? entry_type(*entry) : EntryType::Unknown});
     }
     if (errno != 0)
         throw_filesystem_error("boost::filesystem::directory_iterator::operator++", path, errno);

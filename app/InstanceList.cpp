@@ -38,7 +38,7 @@ std::string sort_key(const std::string& path, bool plain)
     return key;
 }
 
-/// Collects the files of an instance file list while it is read; no tree of it is ever built.
+/// Collects the files of an instance file list while it is read, without building a tree of it.
 class InstanceListVisitor : public XmlVisitor {
 public:
     void start_element(std::string_view name, const XmlAttributes& attributes) override
@@ -133,6 +133,7 @@ std::vector<InstanceFile> parse_instance_list(const std::string& text)
 {
     InstanceListVisitor visitor;
     const XmlEnd end = visit_xml(xml_source(text), visitor);
+    // Stopped at a document type: which error it is depends on the rest being well-formed.
     if (end == XmlEnd::Malformed || (end == XmlEnd::Stopped && !read_xml_tree(xml_source(text))))
         throw std::runtime_error("XML parse error");
     if (visitor.error() != nullptr)

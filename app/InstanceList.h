@@ -18,7 +18,7 @@ struct InstanceFile {
 InstanceFile instance_file(InstallSection section, const std::string& path);
 
 /**
- * Reads an instance file list; no tree of it is ever built.
+ * Reads an instance file list of any length.
  * @param text  the XML document.
  * @return its files in the order of the list.
  * @throws std::runtime_error when it is malformed.

@@ -68,6 +68,13 @@ void delete_instance_or_terminate(const std::string& vhostPath, const extract_pa
 
 }  // namespace
 
+std::string package_directory(const std::string& fullName)
+{
+    std::array<char, kMaxPackagePath + 1> path = {};  // one more: a long path stays terminated
+    get_orsa_application_path(path.data(), fullName.c_str());
+    return path.data();
+}
+
 int extractApplication(int argc, char** argv)
 {
     std::string fullName;
@@ -113,15 +120,13 @@ int fsa_extract_application(const std::string& fullName, const std::string& vhos
 {
     if (!group_exists(kClientsGroup))
         std::exit(-1);
-    std::array<char, kMaxPackagePath + 1> packageDir =
-        {};  // one more: a long path stays terminated
-    get_orsa_application_path(packageDir.data(), fullName.c_str());
+    const std::string packageDir = package_directory(fullName);
     if (!fs::is_directory(vhostPath)) {
         std::cerr << "Virtual host root directory" << vhostPath << "does not exist" << std::endl;
         return 1;
     }
-    const std::optional<FSAMetaDataReader> metadata = read_metadata(
-        metadataFile.empty() ? packageDir.data() + std::string(kMetadataName) : metadataFile);
+    const std::optional<FSAMetaDataReader> metadata =
+        read_metadata(metadataFile.empty() ? packageDir + kMetadataName : metadataFile);
     if (!metadata)
         return 1;
 
@@ -131,7 +136,7 @@ int fsa_extract_application(const std::string& fullName, const std::string& vhos
         clean_docroot(vhostPath.c_str(), &params);
     }
     umask(kInstallUmask);
-    const bool installed = fsa_install_htdocsfiles(packageDir.data(), wwwRoot, appSubdir, *metadata,
+    const bool installed = fsa_install_htdocsfiles(packageDir, wwwRoot, appSubdir, *metadata,
                                                    userName, makeWebserverWritable);
     return installed ? 0 : 1;
 }

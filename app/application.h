@@ -11,6 +11,9 @@ extern "C" int get_orsa_application_path(char* dst, const char* fullName);
 
 namespace tarvik {
 
+/// @return the directory in an application full name; empty when it is not of that form.
+std::string package_directory(const std::string& fullName);
+
 /// Command handlers: parse the options that follow the command word, return the exit status.
 /// They throw the option library's errors.
 int extractApplication(int argc, char** argv);

@@ -248,8 +248,11 @@ void widen_writable_mappings(const InstallPlan& plan, const std::string& userNam
     KeySet others;
     for (const std::string& dir : plan.otherDirs)
         others.insert(path_key(dir));
-    for (const std::string& dir : plan.writableDirs)
-        widen_modes(dir, others, userName);
+    KeySet done;
+    for (const std::string& dir : plan.writableDirs) {
+        if (done.insert(path_key(dir)).second)  // once is enough
+            widen_modes(dir, others, userName);
+    }
 }
 
 // --- The whole installation ----------------------------------------------------------------------

@@ -16,7 +16,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +33,6 @@ namespace tarvik {
 
 namespace {
 
-constexpr std::size_t kMaxPackagePath = 4096;
 constexpr mode_t kReadableAndExecutable = 0555;
 constexpr int kFirstToClose = STDERR_FILENO + 1;
 
@@ -224,10 +222,10 @@ void ArgList::append(const std::string& text)
 
 std::string get_package_script_path(const char* application_full_name)
 {
-    std::array<char, kMaxPackagePath + 1> path = {};  // one more: a long path stays terminated
-    if (get_orsa_application_path(path.data(), application_full_name) == 0)
+    std::string path = package_directory(application_full_name);
+    if (path.empty())
         std::cerr << "Failed to get package path\n";
-    return path.data();
+    return path;
 }
 
 bool fsa_is_file_executable(const std::string& path)

@@ -10,6 +10,8 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <exception>
@@ -134,7 +136,7 @@ std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSourc
         return "RedirectPermanent " + (path == "/" ? path : remove_trailing_slashes(path)) + " "
             + mapping.redirect + "\n\n";
     }
-    const std::string body = (source.php ? php_text(mapping) : std::string())
+    std::string body = (source.php ? php_text(mapping) : std::string())
         + (source.cgi ? cgi_text(mapping) : std::string());
     if (body.empty())
         return body;
@@ -247,6 +249,7 @@ int installWebserverConfig(int argc, char** argv)
     add("disable-cgi-support", po::value<int>(&disableCgi)->implicit_value(0), "");
     options::parse(argc, argv, description);
 
+    umask(umask(0) | S_IWGRP | S_IWOTH);  // root's Apache reads whatever lies in the directory
     std::string configFile = config_path(vhostPath, fileName);
     try {
         return veska_install_apache_conf(metadataFile, disablePhp, disableCgi, configFile,

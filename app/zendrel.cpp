@@ -53,11 +53,10 @@ using CommandHandler = int (*)(int argc, char** argv);
 /// A file that is opened under the number of a missing stream would receive its messages.
 void occupy_standard_descriptors()
 {
-    int descriptor = STDIN_FILENO;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
-        descriptor = ::open("/dev/null", O_RDWR);
-    if (descriptor > STDERR_FILENO)
-        static_cast<void>(::close(descriptor));
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+        if (::fcntl(number, F_GETFD) < 0)
+            static_cast<void>(::open("/dev/null", O_RDWR));  // takes the lowest free number
+    }
 }
 
 }  // namespace

@@ -27,8 +27,8 @@ int p_setuid_ex(const char* name, int enter_home, int allow_root)
         messlog2(1, 1, "Cannot chdir to %s homedir %s", name, home);
     if (uid == 0 && allow_root == 0)
         messlog2(1, 1, "Cannot run as forbidden uid: %d\n", 0);
-    if (initgroups(name, gid)
-        != 0)  // groups, gid, uid: the last takes the right to the others away
+    // Groups, group, user: the last one takes the right to the others away.
+    if (initgroups(name, gid) != 0)
         messlog2(1, 1, "Unable to init new groups for user %s: %s", name, strerror(errno));
     if (setgid(gid) != 0)
         messlog2(1, 1, "Failed to setgid: %d\n", static_cast<int>(gid));

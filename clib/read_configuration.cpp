@@ -210,7 +210,7 @@ int read_file(const char* path, conf_table* table)
     if (std::feof(file.get()) != 0 && std::ferror(file.get()) == 0)
         return 0;
     tarvik_log(kLogDetail, "Unable to read configuration file: %s", std::strerror(error));
-    return error;
+    return error != 0 ? error : EIO;
 }
 
 }  // namespace
