@@ -1,16 +1,13 @@
 #include "app/fsascript.h"
 
-#include "clib/forkexec.h"
 #include "tests/support/Sandbox.h"
 
 #include <boost/filesystem.hpp>
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <fstream>
 
 using namespace sandbox;
@@ -18,108 +15,71 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-/// Prints what the script was given, one line each.
-constexpr char kShowArguments[] = "for word; do echo \"[$word]\"; done\n";
-
 class RunScript : public testing::Test {
 protected:
-    RunScript()
-    {
-        configure("PRODUCT_ROOT_D " + site_.path("product") + "\nCLIENT_PHP_BIN " + site_.path("client-php") + "\n");
-    }
     ~RunScript() override { fs::remove("/etc/oxa/oxa.conf"); }
 
-    static void configure(const std::string& text) { std::ofstream("/etc/oxa/oxa.conf") << text; }
-    void metadata(const std::string& language, const std::string& version = "1.0") const
+    /// Writes a package whose script is this text in this language.
+    void package(const std::string& language, const std::string& text, const std::string& version = "1.0") const
     {
         site_.write("package/APP-META.xml",
                     "<application xmlns='http://veska.example/ns/1' version='" + version
                         + "'><name/><version/><release/><configuration-script-language>" + language
                         + "</configuration-script-language></application>");
+        site_.write("package/scripts/configure", text, 0755);
     }
-    void script(const std::string& text, const std::string& name = "configure") const
+    Result run_script(const Words& changes = {}) const
     {
-        site_.write("package/scripts/" + name, text, 0755);
+        return zendrel(changed({"--run-application-script", "--application-full-name=file:///" + site_.path("package"),
+                                "--script-name=install", "--user-name=alice", "--script-file-name=mine",
+                                "--script-language=binary"},
+                               changes));
     }
-    /// Something that may be taken for an interpreter and tells its own name and arguments.
-    void interpreter(const std::string& name, mode_t mode = 0755) const
-    {
-        site_.write(name, "#!/bin/sh\necho " + name + "\n" + kShowArguments, mode);
-    }
-    Result run_script(const Words& changes = {}, const Words& positional = {}) const
-    {
-        Words words = changed({"--run-application-script", "--application-full-name=file:///" + site_.path("package"),
-                               "--script-name=install", "--user-name=alice", "--script-file-name=mine",
-                               "--script-language=binary"},
-                              changes);
-        words.insert(words.end(), positional.begin(), positional.end());
-        return zendrel(words);
-    }
-    std::string path(const std::string& name) const { return site_.package("scripts/" + name); }
-    static Result prints(const std::string& out) { return {0, out, "", 0}; }
+    static Result prints(const std::string& out, int status = 0) { return {status, out, "", 0}; }
 
-    Site site_;
+    const Site site_;
+    const std::string scripts_ = site_.package("scripts");
+    const std::string own_ = scripts_ + "/configure";
 };
 
 TEST_F(RunScript, TheStandardsVersionDecidesWhoNamesTheScript)
 {
-    script("#!/bin/sh\necho own\n");
-    script("#!/bin/sh\necho given\n", "mine");
-    for (const auto& [version, out] : std::map<std::string, std::string> {
-             {"1.0", "own\n"}, {"1.1", "given\n"}, {"1.2", "given\n"}, {"1.3", "own\n"}}) {
-        metadata("binary", version);
-        EXPECT_EQ(run_script(), prints(out)) << version;
+    site_.write("package/scripts/mine", "#!/bin/sh\necho given\n", 0755);
+    for (const std::string version : {"1.0", "1.1", "1.2", "1.3"}) {
+        package("binary", "#!/bin/sh\necho own\n", version);
+        EXPECT_EQ(run_script(), prints(version == "1.1" || version == "1.2" ? "given\n" : "own\n")) << version;
     }
     EXPECT_EQ(run_script({"--script-language=cobol"}), prints("own\n"));
 }
 
-TEST_F(RunScript, ArgumentsArriveInOrder)
+TEST_F(RunScript, InterpretersAreTriedInTheirOrder)
 {
-    metadata("binary");
-    script(std::string("#!/bin/sh\n") + kShowArguments);
-    EXPECT_EQ(run_script({"--script-name=query"}), prints("[query]\n"));
-    EXPECT_EQ(run_script({},
-                         {"one", "--additional-script-params=t w o", "", "three", "--additional-script-params", "four",
-                          "--", "--five"}),
-              prints("[install]\n[one]\n[t w o]\n[]\n[three]\n[four]\n[--five]\n"));
-}
-
-TEST_F(RunScript, ThePhpCandidatesAreTriedInTheirOrder)
-{
-    const auto php_run = [this](const std::string& name) {
-        return prints(name + "\n[-d]\n[variables_order=EGPCS]\n[-d]\n[safe_mode=0]\n[-d]\n[open_basedir=]\n["
-                      + path("configure") + "]\n[install]\n[more]\n");
+    package("php", "<?php echo implode('|', array_slice($argv, 1)), ini_get('variables_order'); exit(3);");
+    EXPECT_EQ(run_script({"--php-cli=/usr/bin/php", "x"}), prints("install|xEGPCS", 3));
+    const std::string engine = "product/bin/mo-engine-tarvikrun";
+    const auto interpreter = [this](const std::string& name, mode_t mode) {
+        site_.write(name, "#!/bin/sh\necho " + name + " $*\n", mode);
     };
     const Words cli = {"--php-cli=" + site_.path("cli-php")};
     const Result none = says(255, "Unable to find command line php interpreter.\n");
-    script("");
-    metadata("php");
-    EXPECT_EQ(run_script(cli), none);
-    interpreter("product/bin/mo-engine-tarvikrun");
+    const auto runs = [this](const std::string& program) {
+        return prints(program + " -d variables_order=EGPCS -d safe_mode=0 -d open_basedir= " + own_ + " install\n");
+    };
+    EXPECT_EQ(run_script(cli), none);  // the compiled-in default is not installed here
+    std::ofstream("/etc/oxa/oxa.conf") << "PRODUCT_ROOT_D " + site_.path("product") + "\nCLIENT_PHP_BIN "
+            + site_.path("client-php") + "\n";
+    interpreter(engine, 0755);
     EXPECT_EQ(run_script(cli), none);  // the engine is for its own language only
-    interpreter("client-php");
-    EXPECT_EQ(run_script({}, {"more"}), php_run("client-php"));
+    interpreter("client-php", 0755);
     interpreter("cli-php", 0750);
-    EXPECT_EQ(run_script(cli, {"more"}), php_run("client-php"));  // not for everybody
+    EXPECT_EQ(run_script(), runs("client-php"));
+    EXPECT_EQ(run_script(cli), runs("client-php"));  // the other is not for everybody
     interpreter("cli-php", 0755);
-    EXPECT_EQ(run_script(cli, {"more"}), php_run("cli-php"));
-    metadata("mo-engine-tarvikrun");
-    EXPECT_EQ(run_script(cli, {"more"}), php_run("product/bin/mo-engine-tarvikrun"));
-    fs::remove(site_.path("product/bin/mo-engine-tarvikrun"));
-    EXPECT_EQ(run_script(cli, {"more"}), php_run("cli-php"));
-    configure("");
-    EXPECT_EQ(run_script(), none);  // the compiled-in default is not installed here
-}
-
-TEST_F(RunScript, RealInterpretersRunRealScripts)
-{
-    metadata("perl");
-    script("print join('|', @ARGV, $0), \"\\n\"; exit 7;\n");
-    EXPECT_EQ(run_script({}, {"x"}), (Result {7, "install|x|" + path("configure") + "\n", "", 0}));
-    metadata("php");
-    script("<?php echo implode('|', array_slice($argv, 1)), ini_get('open_basedir'), "
-           "ini_get('variables_order'), \"\\n\"; exit(3);");
-    EXPECT_EQ(run_script({"--php-cli=/usr/bin/php"}, {"x"}), (Result {3, "install|xEGPCS\n", "", 0}));
+    EXPECT_EQ(run_script(cli), runs("cli-php"));
+    package("mo-engine-tarvikrun", "");
+    EXPECT_EQ(run_script(cli), runs(engine));
+    fs::remove(site_.path(engine));
+    EXPECT_EQ(run_script(cli), runs("cli-php"));
 }
 
 TEST_F(RunScript, RefusesInItsOrderOfChecks)
@@ -129,78 +89,86 @@ TEST_F(RunScript, RefusesInItsOrderOfChecks)
     EXPECT_EQ(run_script({"--application-full-name=/srv/application"}), says(255, "Failed to get package path\n"));
     EXPECT_EQ(run_script({bad}),
               says(255, "Caught exception: Unable to load file: " + site_.package("APP-META.xml") + "\n"));
-    metadata("cobol");
-    EXPECT_EQ(run_script({bad}), says(255, "Config script language 'cobol' is not supported!\n"));
-    metadata("PHP");
+    package("PHP", "");
     EXPECT_EQ(run_script({bad}), says(255, "Config script language 'PHP' is not supported!\n"));
-    metadata("binary");
+    package("binary", "");
     EXPECT_EQ(run_script({bad}), says(1, "Requested action `explode` is not allowed.\n"));
-    // Without the script there is nothing to do, whoever is to do it.
-    EXPECT_EQ(run_script({"--user-name=nosuch"}), says(0, ""));
-    script("#!/bin/sh\n");
     EXPECT_EQ(run_script({"--user-name=root"}), says_twice(1, "Cannot run as forbidden uid: 0\n"));
-    ASSERT_EQ(chmod(site_.package("scripts").c_str(), 0700), 0);
-    EXPECT_EQ(run_script(), says(1, "Unable to change current directory to " + site_.package("scripts") + "\n"));
+    fs::permissions(scripts_, fs::owner_all);
+    EXPECT_EQ(run_script(), says(1, "Unable to change current directory to " + scripts_ + "\n"));
+    fs::remove(own_);
+    EXPECT_EQ(run_script({"--user-name=nosuch"}), says(0, ""));  // nothing to do, whoever is to do it
     EXPECT_EQ(run_script({"--script-params=x"}).status, 1);
-    EXPECT_EQ(zendrel({"--run-application-script"}).status, 1);
 }
 
-TEST_F(RunScript, TheScriptHasTheSiteUsersRightsAndNothingElse)
+TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
 {
-    metadata("binary");
-    script("#!/bin/sh\nid -u; id -G; pwd; readlink /proc/self/fd/0; ls /proc/$$/fd; echo $KEPT\n"
-           "grep -E '^Cap(Prm|Eff|Inh)' /proc/self/status\n");
+    package("perl", "print join('|', @ARGV, $0); exit 7;\n");
+    EXPECT_EQ(run_script({"--script-name=query"}), prints("query|" + own_, 7));
+    // The shell itself keeps the script open, as 10.
+    package(
+        "binary",
+        "#!/bin/sh\nfor word; do echo \"[$word]\"; done; pwd; readlink /proc/self/fd/0; ls /proc/$$/fd; echo $KEPT\n"
+        "grep -E '^([UG]id|Groups|CapEff)' /proc/self/status; echo err >&2; exit 200\n");
     ASSERT_EQ(setenv("KEPT", "kept", 1), 0);
     const int leaked = open("/etc/passwd", O_RDONLY);  // inherited by the utility, not by its child
-    const Result result = run_script();
+    EXPECT_EQ(run_script({"one", "--additional-script-params=t w o", "", "--", "--five"}),
+              (Result {200,
+                       "[install]\n[one]\n[t w o]\n[]\n[--five]\n" + scripts_
+                           + "\n/dev/null\n0\n1\n10\n2\nkept\n"
+                             "Uid:\t28001\t28001\t28001\t28001\nGid:\t28010\t28010\t28010\t28010\n"
+                             "Groups:\t28010 \nCapEff:\t0000000000000000\n",
+                       "err\n", 0}));
     close(leaked);
-    const std::string none = "0000000000000000\n";
-    // The shell itself keeps the script open, as 10.
-    EXPECT_EQ(result,
-              prints("28001\n28010\n" + site_.package("scripts") + "\n/dev/null\n0\n1\n10\n2\nkept\nCapInh:\t" + none
-                     + "CapPrm:\t" + none + "CapEff:\t" + none));
+    package("binary", "#!/bin/sh\nkill -KILL $$\n");
+    const Result killed = run_script();
+    EXPECT_EQ(killed, says_twice(255, killed.err));
+    EXPECT_NE(killed.err.find(": process '" + own_ + "' killed by signal 9\n"), std::string::npos) << killed;
+    package("binary", "#!/no/such/interpreter\n");
+    const std::string error = "No such file or directory\n";
+    EXPECT_EQ(run_script(), says_twice(1, "forkExecvPipes: execv() failed: " + error + "\nSystem error 2: " + error));
 }
 
-TEST_F(RunScript, TheEndOfTheScriptIsReported)
+TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)
 {
-    metadata("binary");
-    script("#!/bin/sh\nkill -KILL $$\n");
-    const Result killed = run_script();
-    EXPECT_EQ(killed.status, 255);
-    EXPECT_EQ(killed.out, killed.err);
-    EXPECT_NE(killed.err.find(": process '" + path("configure") + "' killed by signal 9\n"), std::string::npos)
-        << killed.err;
-    script("#!/no/such/interpreter\n");
-    EXPECT_EQ(run_script(),
-              says_twice(1,
-                         "forkExecvPipes: execv() failed: No such file or directory\n\n"
-                         "System error 2: No such file or directory\n"));
-    script("#!/bin/sh\necho out; echo err >&2; exit 200\n");
-    EXPECT_EQ(run_script(), (Result {200, "out\n", "err\n", 0}));
+    site_.put("data/", "", 0775);
+    std::string first;
+    // Version, file, language. By 1.0 the last two are the package's own.
+    for (const Words& form :
+         {Words {"1.0", "?", "?"}, {"1.1", "", "perl"}, {"1.1", ".php", "php"}, {"1.1", ".sh", "binary"}}) {
+        run({"cp", "-rT", ZENDREL_SOURCE_DIR "/examples/packages/guestbook", site_.path("package")});
+        run({"sed", "-i", "s/version=\"1.0\">/version=\"" + form[0] + "\">/", site_.package("APP-META.xml")});
+        std::string said;
+        const Words words = {"--php-cli=/usr/bin/php", "--script-file-name=configure" + form[1],
+                             "--script-language=" + form[2],
+                             "--additional-script-params=--data=" + site_.docroot("data")};
+        const auto expect = [&](int status, bool there, const Words& more) {
+            const Result result = run_script(changed(words, more));
+            const std::string file = site_.tree()["data/entries.txt"];
+            EXPECT_TRUE(result.status == status && file.empty() != there) << form[1] << more[0] << result << file;
+            said += result.out + result.err + file;
+        };
+        expect(0, true, {"--script-name=install"});
+        expect(0, false, {"--script-name=remove"});
+        expect(0, true, {"--script-name=install"});
+        std::ofstream(site_.docroot("data/entries.txt"), std::ios::app) << "1\tAnn\thello\n";
+        expect(3, true, {"--script-name=remove"});
+        expect(0, false, {"--script-name=remove", "--", "--force"});
+        EXPECT_EQ(said, first = first.empty() ? said : first);
+    }
 }
 
 TEST(ForkExecvPipes, SwitchesUserAndSetsTheEnvironment)
 {
+    const std::string failure = "Fatal error: tarvik::SystemError(dup2Custom failed: Bad file descriptor)\n";
     EXPECT_EQ(in_child([] {
                   tarvik::ArgList words;
-                  for (const char* word : {"sh", "-c", "id -un; echo $A$B; cat"})
+                  for (const char* word : {"sh", "-c", "id -un; echo $HOME; head -c 4"})
                       words.append(word);
-                  setenv("A", "old", 1);
-                  int pipe_ends[2];
-                  if (pipe(pipe_ends) != 0 || write(pipe_ends[1], "input\n", 6) != 6)
-                      _exit(1);
-                  close(pipe_ends[1]);
-                  const pid_t child =
-                      tarvik::forkExecvPipes(pipe_ends[0], 1, 2, "sh", words, "bob", {{"A", "new"}, {"B", "!"}});
-                  _exit(fork_exec_waitpid(child, "sh", nullptr));
+                  for (const int in : {open("/etc/passwd", O_RDONLY), 99})
+                      waitpid(tarvik::forkExecvPipes(in, 1, 2, "sh", words, "bob", {{"HOME", "new"}}), nullptr, 0);
               }),
-              (Result {0, "bob\nnew!\ninput\n", "", 0}));
-    EXPECT_EQ(in_child([] {
-                  const tarvik::ArgList words;
-                  const pid_t child = tarvik::forkExecvPipes(99, 1, 2, "sh", words, "", {});
-                  _exit(fork_exec_waitpid(child, "sh", nullptr));
-              }),
-              says_twice(1, "Fatal error: tarvik::SystemError(dup2Custom failed: Bad file descriptor)\n"));
+              (Result {0, "bob\nnew\nroot" + failure, failure, 0}));
 }
 
 }  // namespace

@@ -2,19 +2,20 @@
 
 #include <boost/filesystem.hpp>
 
-#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
-#include <ostream>
 #include <sstream>
+#include <stdexcept>
 
 namespace fs = boost::filesystem;
 
@@ -22,36 +23,17 @@ namespace sandbox {
 
 namespace {
 
-/// A file without a name that a child reads or writes.
-class MemoryFile {
-public:
-    explicit MemoryFile(const std::string& content = "") : fd_(memfd_create("stream", MFD_CLOEXEC))
-    {
-        if (fd_ < 0 || ::write(fd_, content.data(), content.size()) != ssize_t(content.size())
-            || ::lseek(fd_, 0, SEEK_SET) != 0)
-            std::abort();
-    }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-    ~MemoryFile() { ::close(fd_); }
-    int fd() const { return fd_; }
-    std::string content() const { return read("/proc/self/fd/" + std::to_string(fd_)); }
-
-private:
-    int fd_;
-};
-
 template <class Body>
 Result run_child(const std::string& input, Body body)
 {
-    const MemoryFile in(input);
-    const MemoryFile out;
-    const MemoryFile err;
-    const pid_t child = ::fork();
+    int streams[3];
+    for (int& stream : streams)
+        stream = memfd_create("stream", MFD_CLOEXEC);
+    const bool ready = ::pwrite(streams[0], input.data(), input.size(), 0) == ssize_t(input.size());
+    const pid_t child = ready ? ::fork() : -1;
     if (child == 0) {
-        ::dup2(in.fd(), 0);
-        ::dup2(out.fd(), 1);
-        ::dup2(err.fd(), 2);
+        for (int number = 0; number < 3; ++number)
+            ::dup2(streams[number], number);
         body();
         ::_exit(127);
     }
@@ -59,14 +41,18 @@ Result run_child(const std::string& input, Body body)
     rusage usage = {};
     if (child < 0 || ::wait4(child, &status, 0, &usage) != child)
         std::abort();
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.content(), err.content(),
-            usage.ru_maxrss};
+    std::string texts[3];
+    for (int number = 0; number < 3; ++number) {
+        texts[number] = read("/proc/self/fd/" + std::to_string(streams[number]));
+        ::close(streams[number]);
+    }
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), texts[1], texts[2], usage.ru_maxrss};
 }
 
-void limit(int resource, rlim_t value)
+void limit(__rlimit_resource resource, rlim_t value)
 {
     const rlimit both = {value, value};
-    if (::setrlimit(static_cast<__rlimit_resource>(resource), &both) != 0)
+    if (value != 0 && ::setrlimit(resource, &both) != 0)
         ::_exit(126);
 }
 
@@ -79,23 +65,13 @@ std::ostream& operator<<(std::ostream& out, const Result& result)
     return out << "status " << result.status << "\n--- out\n" << result.out << "--- err\n" << result.err << "---";
 }
 
-Result says(int status, const std::string& err) { return {status, "", err, 0}; }
-
-Result says_twice(int status, const std::string& text) { return {status, text, text, 0}; }
-
 Words changed(Words words, const Words& changes)
 {
     for (const std::string& change : changes) {
         const std::string name = change.substr(0, change.find('='));
-        bool found = false;
-        for (std::string& word : words) {
-            if (word.substr(0, word.find('=')) == name) {
-                word = change;
-                found = true;
-            }
-        }
-        if (!found)
-            words.push_back(change);
+        const auto same = [&name](const std::string& word) { return word.substr(0, word.find('=')) == name; };
+        const auto old = std::find_if(words.begin(), words.end(), same);
+        *(old == words.end() ? words.insert(old, change) : old) = change;
     }
     return words;
 }
@@ -107,84 +83,73 @@ Result run(const Words& words, const std::string& input, const Limits& limits)
         for (const std::string& word : words)
             arguments.push_back(const_cast<char*>(word.c_str()));
         arguments.push_back(nullptr);
-        limit(RLIMIT_CORE, 0);
-        if (limits.fileSize != 0) {
-            ::signal(SIGXFSZ, SIG_IGN);
-            limit(RLIMIT_FSIZE, limits.fileSize);
-        }
-        if (limits.cpuSeconds != 0)
-            limit(RLIMIT_CPU, limits.cpuSeconds);
+        ::signal(SIGXFSZ, SIG_IGN);
+        limit(RLIMIT_CORE, 1);  // less than any core takes
+        limit(RLIMIT_FSIZE, limits.fileSize);
+        limit(RLIMIT_CPU, limits.cpuSeconds);
         ::execvp(arguments[0], arguments.data());
     });
 }
 
 Result zendrel(const Words& words, const std::string& input, const Limits& limits)
 {
-    Words all = {ZENDREL_PROGRAM};
-    all.insert(all.end(), words.begin(), words.end());
+    Words all = words;
+    all.insert(all.begin(), ZENDREL_PROGRAM);
     return run(all, input, limits);
 }
 
 Result in_child(void (*body)())
 {
-    return run_child("", [body] {
-        body();
-        std::exit(0);
-    });
+    return run_child("", [body] { body(), std::exit(0); });
 }
 
 Site::Site()
 {
     static int count = 0;
     const char* const base = std::getenv("SANDBOX_DIR");
-    if (base == nullptr) {
-        std::fprintf(stderr, "start the tests through tests/support/sandbox.sh\n");
-        std::abort();
-    }
+    if (base == nullptr)
+        throw std::runtime_error("start the tests through tests/support/sandbox.sh");
     root_ = std::string(base) + "/site" + std::to_string(::getpid()) + "." + std::to_string(++count);
     ::umask(022);
-    fs::create_directories(vhost());
     put("");
 }
 
 Site::~Site() { fs::remove_all(root_); }
 
-std::string Site::path(const std::string& below) const { return below.empty() ? root_ : root_ + "/" + below; }
-
 void Site::write(const std::string& below, const std::string& content, mode_t mode) const
 {
-    fs::create_directories(fs::path(path(below)).parent_path());
-    std::ofstream(path(below), std::ios::binary) << content;
-    ASSERT_EQ(0, ::chmod(path(below).c_str(), mode));
+    put("../../" + below, content, mode, 0, 0);
 }
 
 void Site::put(const std::string& below, const std::string& content, mode_t mode, uid_t owner, gid_t group) const
 {
     const std::string target = docroot(below);
-    if (target.back() == '/') {
-        fs::create_directories(target);
-        mode = mode == 0644 ? 0755 : mode;
-    } else {
+    const bool directory = target.back() == '/';
+    fs::create_directories(fs::path(target).parent_path());
+    if (!directory)
         std::ofstream(target, std::ios::binary) << content;
-    }
     ASSERT_EQ(0, ::chown(target.c_str(), owner, group)) << target;
-    ASSERT_EQ(0, ::chmod(target.c_str(), mode)) << target;
+    ASSERT_EQ(0, ::chmod(target.c_str(), directory && mode == 0644 ? 0755 : mode)) << target;
+}
+
+void Site::shell(const std::string& commands) const
+{
+    ASSERT_EQ(run({"sh", "-ec", "cd " + root_ + "\n" + commands}), says(0, "")) << commands;
 }
 
 void Site::metadata(const std::string& mappings) const
 {
     write("package/APP-META.xml",
           "<application xmlns='http://veska.example/ns/1' xmlns:php='http://veska.example/ns/1/php'"
-          " xmlns:cgi='http://veska.example/ns/1/cgi'>\n<name>shop</name><version>2</version>"
-          "<release>7</release>"
+          " xmlns:cgi='http://veska.example/ns/1/cgi'>\n<name>shop</name><version>2</version><release>7</release>"
               + mappings + "</application>\n");
 }
 
 Words Site::extract(const Words& changes) const
 {
     return changed({"--extract-application", "--application-full-name=file:///" + path("package"),
-                    "--vhost-path=" + vhost(), "--user-name=alice", "--application-subdirectory=.",
-                    "--metadata-file=", "--www-root=" + path("vhost/httpdocs")},
+                    "--metadata-file=", "--vhost-path=" + vhost(), "--user-name=alice", "--application-subdirectory=.",
+                    "--www-root=" + path("vhost/httpdocs")},
                    changes);
 }
 
@@ -205,41 +170,46 @@ std::string Site::list(const Words& files, const std::string& section) const
 
 Tree Site::tree(const std::string& below) const
 {
-    static const std::map<uid_t, std::string> users = {
-        {0, "root"}, {kAlice, "alice"}, {kBob, "bob"}, {kCarol, "carol"}, {kWebServer, "www-data"}};
-    static const std::map<gid_t, std::string> groups = {
-        {0, "root"}, {kClients, "oxacln"}, {kServices, "oxaserv"}, {kEditors, "editors"}, {kWebServer, "www-data"}};
     Tree tree;
     const fs::path top = path(below);
-    for (fs::recursive_directory_iterator entry(top), end; entry != end; ++entry) {
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top)) {
         struct stat status;
-        EXPECT_EQ(0, ::lstat(entry->path().c_str(), &status));
+        EXPECT_EQ(0, ::lstat(entry.path().c_str(), &status));
+        const bool directory = S_ISDIR(status.st_mode), link = S_ISLNK(status.st_mode);
         std::ostringstream line;
-        line << (S_ISDIR(status.st_mode)       ? 'd'
-                     : S_ISLNK(status.st_mode) ? 'l'
-                                               : '-')
-             << ' ' << std::oct << (status.st_mode & 07777) << ' ' << users.at(status.st_uid) << ':'
-             << groups.at(status.st_gid);
-        if (S_ISREG(status.st_mode))
-            line << ' ' << read(entry->path().native());
-        else if (S_ISLNK(status.st_mode))
-            line << ' ' << fs::read_symlink(entry->path()).native();
-        tree[entry->path().native().substr(top.native().size() + 1)] = line.str();
+        line << (directory  ? "d "
+                     : link ? "l "
+                            : "- ")
+             << std::oct << (status.st_mode & 07777) << ' ' << ::getpwuid(status.st_uid)->pw_name << ':'
+             << ::getgrgid(status.st_gid)->gr_name;
+        if (!directory)
+            line << ' ' << (link ? fs::read_symlink(entry).native() : read(entry.path().native()));
+        tree[entry.path().lexically_relative(top).native()] = line.str();
     }
     return tree;
 }
 
-std::string read(const std::string& path)
+std::string Site::listing(const std::string& below) const
 {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    Tree alike;
+    for (const auto& [name, line] : tree(below)) {
+        const std::size_t end = line.find(' ', line.find(':'));
+        const std::string content = end == std::string::npos ? name : line.substr(end + 1);
+        alike[line.substr(0, end)] += " " + name + (content == name ? "" : "=" + content);
+    }
+    std::string text = "\n";
+    for (const auto& [attributes, names] : alike)
+        text += attributes + ":" + names + "\n";
+    return text;
 }
 
-mode_t mode_of(const std::string& path)
+std::string read(const std::string& path)
 {
-    struct stat status = {};
-    EXPECT_EQ(0, ::stat(path.c_str(), &status)) << path;
-    return status.st_mode & 07777;
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
+
+mode_t mode_of(const std::string& path) { return mode_t(fs::status(path).permissions()) & 07777; }
 
 }  // namespace sandbox

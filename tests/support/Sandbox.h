@@ -14,34 +14,29 @@
  */
 namespace sandbox {
 
-constexpr uid_t kAlice = 28001;
-constexpr uid_t kBob = 28002;
-constexpr uid_t kCarol = 28003;
-constexpr uid_t kWebServer = 33;
-constexpr gid_t kClients = 28010;
-constexpr gid_t kServices = 28011;
-constexpr gid_t kEditors = 28012;
+constexpr uid_t kAlice = 28001, kBob = 28002, kCarol = 28003, kWebServer = 33;
+constexpr gid_t kClients = 28010, kServices = 28011, kEditors = 28012;
+
+using Words = std::vector<std::string>;
+using Tree = std::map<std::string, std::string>;
 
 struct Result {
     int status = -1;  ///< exit status; a signal reads 128 + its number, as in a shell
-    std::string out;
-    std::string err;
+    std::string out, err;
     long peakKilobytes = 0;
 };
 bool operator==(const Result& a, const Result& b);
 std::ostream& operator<<(std::ostream& out, const Result& result);
 
 /// The result of a run that says `err` on standard error and nothing on standard output.
-Result says(int status, const std::string& err);
+inline Result says(int status, const std::string& err) { return {status, "", err, 0}; }
 /// A line that the utility error stream and the host library put on both streams.
-Result says_twice(int status, const std::string& text);
+inline Result says_twice(int status, const std::string& text) { return {status, text, text, 0}; }
 
-using Words = std::vector<std::string>;
-
-/// Limits put on a run before it starts; 0 means none.
+/// Limits put on a run before it starts, 0 for none: writing beyond the first fails with EFBIG,
+/// spending more than the second ends the process.
 struct Limits {
-    unsigned long fileSize = 0;    ///< writing beyond it fails with EFBIG
-    unsigned long cpuSeconds = 0;  ///< spending more ends the process
+    unsigned long fileSize = 0, cpuSeconds = 0;
 };
 
 /// @return the words of a command with these options in place of those of the same name.
@@ -59,20 +54,20 @@ class Site {
 public:
     Site();
     Site(const Site&) = delete;
-    Site& operator=(const Site&) = delete;
     ~Site();
 
-    std::string path(const std::string& below = "") const;
+    std::string path(const std::string& below = "") const { return below.empty() ? root_ : root_ + "/" + below; }
     std::string package(const std::string& below = "") const { return path("package/" + below); }
     std::string docroot(const std::string& below = "") const { return path("vhost/httpdocs/" + below); }
     std::string vhost() const { return path("vhost"); }
 
-    /// Writes a file with its parents, all owned by root, so packages are read-only for the site
-    /// user.
+    /// Writes a file with its parents, all owned by root, so packages are read-only for the site user.
     void write(const std::string& below, const std::string& content, mode_t mode = 0644) const;
     /// The same in the document root, owned by `owner`; a path ending in "/" is a directory.
     void put(const std::string& below, const std::string& content = "", mode_t mode = 0644, uid_t owner = kAlice,
              gid_t group = kClients) const;
+    /// Runs shell commands as root, in the site's directory.
+    void shell(const std::string& commands) const;
     /// Writes APP-META.xml with these mappings.
     void metadata(const std::string& mappings) const;
 
@@ -82,13 +77,14 @@ public:
     std::string list(const Words& files, const std::string& section = "htdocs") const;
 
     /// Everything below a directory: path to "type mode owner:group content or target".
-    std::map<std::string, std::string> tree(const std::string& below = "vhost/httpdocs") const;
+    Tree tree(const std::string& below = "vhost/httpdocs") const;
+    /// The same as one text: a newline, then a line for all that are alike in type, mode and owner, named
+    /// with what they hold unless that is the path itself.
+    std::string listing(const std::string& below = "vhost/httpdocs") const;
 
 private:
     std::string root_;
 };
-
-using Tree = std::map<std::string, std::string>;
 
 std::string read(const std::string& path);
 mode_t mode_of(const std::string& path);
