@@ -268,6 +268,17 @@ TEST_F(Extract, RefusesInItsOrderOfChecks)
     EXPECT_EQ(site_.tree().count("f"), 1u);
 }
 
+/// A file that is opened under the number of a closed stream must not receive its messages.
+TEST_F(Extract, WorksWithoutStandardStreams)
+{
+    package({"f", "g"}, kWithData);  // "data" is missing, which is told
+    Words words = {"sh", "-c", "exec \"$@\" 0<&- 1>&- 2>&-", "sh", ZENDREL_PROGRAM};
+    for (const std::string& word : site_.extract({"--skip-webserver-write"}))
+        words.push_back(word);
+    EXPECT_EQ(run(words), says(0, ""));
+    EXPECT_EQ(site_.listing(), "\n- 644 alice:oxacln: f g\n");
+}
+
 TEST_F(Extract, CanCleanTheDocumentRootFirst)
 {
     package({"f"});
