@@ -9,7 +9,6 @@
 #include <sys/xattr.h>
 
 #include <fstream>
-#include <regex>
 
 using namespace sandbox;
 
@@ -307,11 +306,11 @@ TEST(PackagePath, IsWhatFollowsThePrefix)
 TEST_F(Extract, RootChangesNothing)
 {
     package({"f", "d/g", "data/s"}, kWithData);
-    const std::regex changing(
-        "O_CREAT|O_WRONLY|O_RDWR| (mkdir|rmdir|unlink|rename|f?chmod|[fl]?chown|link|symlink|f?truncate|mknod"
-        "|setxattr)| socket.AF_INET");
-    for (const auto& [command, input] : {std::pair(site_.extract(), std::string()),
-                                         std::pair(site_.remove(), site_.list({"f", "d/g", "d", "data/s"}))}) {
+    const std::tuple<Words, std::string, std::string> cases[] = {
+        {site_.extract(), "", " mkdir("},
+        {site_.remove(), site_.list({"f", "d/g", "d", "data/s"}), " unlink"},
+    };
+    for (const auto& [command, input, change] : cases) {
         // The leak check cannot run under a tracer.
         Words words = {"env", "ASAN_OPTIONS=detect_leaks=0", "strace",       "-fs999",
                        "-o",  site_.path("trace"),           ZENDREL_PROGRAM};
@@ -321,8 +320,11 @@ TEST_F(Extract, RootChangesNothing)
         const std::size_t groups = text.find("setgroups(1, [28010])"), gid = text.find("setgid(28010)", groups);
         const std::size_t uid = text.find("setuid(28001)", gid);
         ASSERT_NE(uid, std::string::npos) << text;
-        std::smatch change;
-        EXPECT_TRUE(std::regex_search(text, change, changing) && change.position() > ssize_t(uid)) << change.str();
+        EXPECT_NE(text.find(change, uid), std::string::npos);
+        for (const char* call : {"O_CREAT", "O_WRONLY", "O_RDWR", " mkdir", " rmdir", " unlink", " rename", " chmod",
+                                 " fchmod", " chown", " fchown", " lchown", " link", " symlink", " truncate",
+                                 " ftruncate", " mknod", " setxattr", " socket(AF_INET"})
+            EXPECT_GT(text.find(call), uid) << call;
         EXPECT_EQ(text.find("setuid", uid + 1), std::string::npos);
     }
 }
