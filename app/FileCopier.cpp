@@ -78,16 +78,6 @@ bool is_directory(const std::string& source, EntryType type)
     return fs::is_directory(source);  // links are followed
 }
 
-template <class Call, class Data>
-ssize_t retried(Call call, int fd, Data data, std::size_t size)
-{
-    ssize_t count = 0;
-    do {
-        count = call(fd, data, size);
-    } while (count < 0 && errno == EINTR);
-    return count;
-}
-
 /// Room taken at once costs a large file far less than room taken page by page. Only an attempt.
 void reserve_room(int in, int out)
 {
@@ -209,7 +199,7 @@ TDescriptor FileCopier::open_source(const std::string& source, EntryType type)
 bool FileCopier::copy_content(int in, int out)
 {
     for (;;) {
-        const ssize_t count = retried(::read, in, buffer_.data(), buffer_.size());
+        const ssize_t count = retried([&] { return ::read(in, buffer_.data(), buffer_.size()); });
         if (count <= 0)
             return count == 0;
         if (!write_all(out, static_cast<std::size_t>(count)))
@@ -224,7 +214,7 @@ bool FileCopier::copy_content(int in, int out)
 bool FileCopier::write_all(int out, std::size_t size)
 {
     for (const char* next = buffer_.data(); size > 0;) {
-        const ssize_t count = retried(::write, out, next, size);
+        const ssize_t count = retried([&] { return ::write(out, next, size); });
         if (count < 0)
             return false;
         next += count;

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <memory>
 #include <new>
 #include <optional>
@@ -86,11 +85,8 @@ XmlDoc load(const std::string& fileName)
     if (!file || ::fcntl(file.get(), F_SETFL, O_RDONLY) != 0)
         return nullptr;
     return read_xml_tree([&file](char* buffer, int size) {
-        ssize_t count = 0;
-        do {
-            count = ::read(file.get(), buffer, static_cast<std::size_t>(size));
-        } while (count < 0 && errno == EINTR);
-        return static_cast<int>(count);
+        const auto length = static_cast<std::size_t>(size);
+        return static_cast<int>(retried([&] { return ::read(file.get(), buffer, length); }));
     });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <iosfwd>
 #include <string>
 #include <utility>
@@ -28,6 +29,17 @@ public:
 private:
     int fd_;
 };
+
+/// Makes a system call until no signal interrupts it. @return its last result, with `errno`.
+template <class Call>
+auto retried(Call call)
+{
+    for (;;) {
+        const auto result = call();
+        if (result != -1 || errno != EINTR)
+            return result;
+    }
+}
 
 /// Where a path leads, as the *at() calls take it. The name borrows from the path.
 struct PathAt {
