@@ -187,7 +187,7 @@ void move_descriptor(int source, int target)
     move_descriptor(input, STDIN_FILENO);
     move_descriptor(output, STDOUT_FILENO);
     move_descriptor(error, STDERR_FILENO);
-    close_descriptors_from(kFirstToClose);
+    ::closefrom(kFirstToClose);
     if (!userName.empty() && p_setuid(userName.c_str()) != 0)
         throwSystemError("forkExecvPipes: p_setuid() to '" + userName + "' failed", errno);
     for (const auto& [name, value] : environment) {

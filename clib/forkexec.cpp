@@ -4,7 +4,6 @@
 #include "clib/product_log.h"
 
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,7 +22,7 @@ constexpr int kLogWarning = 4;
     const bool moved = dup2_custom(input, STDIN_FILENO) == 0
         && dup2_custom(output, STDOUT_FILENO) == 0 && dup2_custom(error, STDERR_FILENO) == 0;
     if (moved) {
-        close_descriptors_from(STDERR_FILENO + 1);
+        closefrom(STDERR_FILENO + 1);
         errno = 0;
         execv(path, arguments);
         dprintf(STDERR_FILENO, "fork_execv: execv(\"%s\") failed: %s\n", path, strerror(errno));
@@ -67,17 +66,6 @@ int fork_exec_waitpid(pid_t pid, const char* label, int* status)
         tarvik_log(kLogWarning, "waitpid(%ld)=%ld: process '%s' continued", child, waited, label);
     }
     return -1;
-}
-
-void close_descriptors_from(int first)
-{
-    // The table may have room for a billion, so the kernel does it where it can.
-#ifdef SYS_close_range
-    if (syscall(SYS_close_range, static_cast<unsigned>(first), ~0U, 0U) == 0)
-        return;
-#endif
-    for (int fd = first, end = getdtablesize(); fd < end; ++fd)
-        static_cast<void>(close(fd));
 }
 
 int dup2_custom(int source, int target)

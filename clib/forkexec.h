@@ -22,9 +22,6 @@ int fork_exec_waitpid(pid_t pid, const char* label, int* status);
  */
 int dup2_custom(int source, int target);
 
-/// Closes every descriptor from `first` up, at no cost that grows with the size of the table.
-void close_descriptors_from(int first);
-
 /**
  * Runs a program in a child that has the three descriptors as its standard streams and no other
  * open. A failure in the child is printed on its standard error, exit status 255; a failed fork
