@@ -1,0 +1,133 @@
+#include "sys/TExecsList.h"
+
+#include "common/misc.h"
+#include "sys/cpp_syscall.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace tarvik::sys {
+
+namespace {
+
+constexpr std::size_t kReadChunk = 1024;
+
+/// @return what can be read to the end, or to an error.
+std::string read_all(int fd)
+{
+    std::string text;
+    char chunk[kReadChunk];
+    ssize_t count = 0;
+    while ((count = retried([&] { return ::read(fd, chunk, sizeof chunk); })) > 0)
+        text.append(chunk, static_cast<std::size_t>(count));
+    return text;
+}
+
+[[noreturn]] void throw_child_failed(const char* what, int value, const std::string& output)
+{
+    throw std::runtime_error(std::string("child failed (") + what + "=" + std::to_string(value)
+                             + "): " + output);
+}
+
+}  // namespace
+
+void TExecsList::append(const TExecsList& other)
+{
+    const std::vector<TExec> added = other.execs_;  // it may be this list
+    execs_.insert(execs_.end(), added.begin(), added.end());
+}
+
+TSLProcess TExecsList::execute()
+{
+    TSLProcess last;
+    for (TExec& exec : execs_)
+        last = exec.execute();
+    return last;
+}
+
+TExecsList operator,(TExecsList left, const TExecsList& right)
+{
+    left.append(right);
+    return left;
+}
+
+TExecsList operator|(TExecsList left, TExecsList right)
+{
+    if (!left.empty() && !right.empty()) {
+        const Handle<TPipe> pipe(std::make_unique<TPipe>());
+        left.back() += make_prepare<TWriteToPipeline>(pipe);
+        right.front() += make_prepare<TReadFromPipeline>(pipe);
+        left.front() = left.front() & ~wait_mode;  // the first, even where the last one writes
+    }
+    left.append(right);
+    return left;
+}
+
+TExecsList& operator+=(TExecsList& list, const Handle<TExec::TPrepare>& prepare)
+{
+    if (!list.empty())
+        list.back() += prepare;
+    return list;
+}
+
+TExecsList operator<(TExecsList list, const std::string& path)
+{
+    return list += make_prepare<TFromFile>(path);
+}
+
+TExecsList operator>(TExecsList list, const std::string& path)
+{
+    return list += make_prepare<TToFile>(path);
+}
+
+TExecsList operator>>(TExecsList list, const std::string& path)
+{
+    return list += make_prepare<TToFile>(path, true);
+}
+
+TExecsList operator<<(TExecsList list, const std::string& text)
+{
+    return list += make_prepare<TReadFromStr>(text);
+}
+
+TExecsList operator&(TExecsList list, const TRedirect& redirect)
+{
+    return list += make_prepare<TRedirect>(redirect);
+}
+
+TExecsList operator&(TExecsList list, const TRedirectToFile& redirect)
+{
+    return list += make_prepare<TRedirectToFile>(redirect);
+}
+
+void execGetOutput(std::string& output, int& status, const TExecsList& list)
+{
+    if (list.empty())
+        return;
+    auto owned = std::make_unique<TReadOut>();
+    const TReadOut& read_out = *owned;
+    const Handle<TExec::TPrepare> hook(std::move(owned));
+    TExecsList copy(list);
+    copy += hook;
+    for (TExec& exec : copy)
+        exec = exec & ~wait_mode;
+    const TSLProcess last = copy.execute();
+    output = read_all(read_out.read_end());  // before the wait: it may be more than a pipe holds
+    status = wait_process(last.pid);
+}
+
+std::string& operator<<=(std::string& output, const TExecsList& list)
+{
+    int status = 0;
+    execGetOutput(output, status, list);
+    if (!WIFEXITED(status))
+        throw_child_failed("status", status, output);
+    if (WEXITSTATUS(status) != 0)
+        throw_child_failed("exit code", WEXITSTATUS(status), output);
+    return output;
+}
+
+}  // namespace tarvik::sys

@@ -1,0 +1,321 @@
+#include "common/ExSystemError.h"
+#include "common/misc.h"
+#include "sys/TExecsList.h"
+#include "sys/cpp_syscall.h"
+#include "tests/support/Sandbox.h"
+
+#include <boost/filesystem.hpp>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <iostream>
+
+using namespace sandbox;
+using namespace tarvik;
+using namespace tarvik::sys;
+
+namespace {
+
+using Prepare = Handle<TExec::TPrepare>;
+
+const std::string kLarge(3'000'000, 'x');  // more than pipes hold
+
+TExec sh(const std::string& script) { return TExec({"sh", "-c", script}); }
+
+TEArgs letters(std::size_t count)
+{
+    TEArgs args;
+    while (args.size() < count)
+        args.push_back({"a"});
+    return args;
+}
+
+/// The output, or the error's text.
+std::string captured(const TExecsList& list)
+{
+    std::string text = "untouched";
+    try {
+        return text <<= list;
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+}
+
+auto open_descriptors() { return std::distance(boost::filesystem::directory_iterator("/proc/self/fd"), {}); }
+
+TEST(TEArgs, HoldsAHundredStringsAndSaysWhyNotMore)
+{
+    TEArgs args = letters(90);
+    EXPECT_EQ((args.push_back(letters(10)), args.size()), 100U);
+    args = letters(90);
+    try {
+        args.push_back(letters(11));
+        FAIL();
+    } catch (const TEArgs::TEArgsError& e) {
+        EXPECT_STREQ(e.what(),
+                     "The number of arguments has exceeded the defined limits"
+                     " (arguments number = 90, add. arguments number = 11, max = 100)");
+        EXPECT_EQ(e.args().size(), 90U);
+    }
+    try {
+        static_cast<void>(args[90]);
+        FAIL();
+    } catch (const TEArgs::TOutOfRange& e) {
+        EXPECT_STREQ(e.what(), "Wrong index (index = 90)");
+    }
+    EXPECT_THROW(TExec(el).execute(), TEArgs::TEArgsError);
+}
+
+TEST(TEArgs, CopiesStayAsTheyWere)
+{
+    TEArgs args {"a", "b"};
+    const TEArgs copy = args;
+    args.push_back(args);
+    EXPECT_EQ(TEArgs::TRep(args.begin(), args.end()), TEArgs::TRep({"a", "b", "a", "b"}));
+    EXPECT_EQ(copy.size(), 2U);
+    args.push_back(args);
+    EXPECT_EQ(args.size(), 8U);
+    EXPECT_EQ(el.size(), 0U);
+}
+
+TEST(TExec, CombinesModeBits)
+{
+    const TExec exec = sh("") * (fork_mode | wait_mode);
+    EXPECT_EQ((exec & ~wait_mode).mode(), 1);
+    EXPECT_EQ((exec | path_mode).mode(), 7);
+    EXPECT_EQ((exec ^ (wait_mode | path_mode)).mode(), 5);
+    EXPECT_EQ((exec * path_mode).mode(), 4);
+    EXPECT_EQ(exec.mode(), 3);
+    EXPECT_EQ(sh("").mode(), TExec::def_mode);
+}
+
+TEST(TExec, ReturnsTheChildAndItsExitCode)
+{
+    TExec exits = sh("exit 3");
+    EXPECT_EQ(exits.execute().exit_code, 3);
+    EXPECT_EQ(sh("kill -KILL $$").execute().exit_code, -1);
+    const TSLProcess unwaited = (exits & ~wait_mode).execute();
+    EXPECT_EQ(unwaited.exit_code, 0);
+    EXPECT_EQ(WEXITSTATUS(wait_process(unwaited.pid)), 3);
+    EXPECT_EQ(wait_process(unwaited.pid), 0);  // no such child any more
+    const pid_t stopped = (sh("kill -STOP $$") & ~wait_mode).execute().pid;
+    EXPECT_TRUE(WIFSTOPPED(wait_process(stopped)));
+    EXPECT_EQ(kill(stopped, SIGKILL), 0);
+    EXPECT_TRUE(WIFSIGNALED(wait_process(stopped)));
+    EXPECT_THROW(wait_process(std::numeric_limits<pid_t>::min()), SystemError);
+}
+
+TEST(TExec, ReplacesTheCallerWithoutFork)
+{
+    EXPECT_EQ(in_child([] { (sh("echo replaced; exit 4") * path_mode).execute(); }), (Result {4, "replaced\n", "", 0}));
+    EXPECT_EQ(in_child([] {
+                  try {
+                      (sh("") * TExec::TMode()).execute();  // not looked up
+                  } catch (const TSysCallErr& e) {
+                      std::cout << e.what() << (e.errorNumber() == ENOENT);
+                  }
+              }),
+              (Result {0, "No such file or directory1", "", 0}));
+}
+
+/// Tells of each hook: the caller's on standard output, the child's on standard error.
+struct Telling : TExec::TPrepare {
+    std::string name;
+    bool is_error;
+    Telling(std::string hookName, bool isError) : name(std::move(hookName)), is_error(isError) { }
+    static void tell(const std::string& text)
+    {
+        static const pid_t caller = getpid();
+        (getpid() == caller ? std::cout : std::cerr) << text << ' ' << std::flush;
+        errno = 0;  // not the error to be thrown
+    }
+    bool ask(const std::string& text) const { return tell(text), is_error; }
+    void bef_fork(TExec&) override { tell("bef_fork" + name); }
+    bool fork_failed(TExec&) override { return ask("fork_failed" + name); }
+    void aft_fork4p(TExec&) override { tell("aft_fork4p" + name); }
+    void aft_fork4d(TExec&) override { tell("aft_fork4d" + name); }
+    void bef_exec(TExec&) override { tell("bef_exec" + name); }
+    bool exec_failed(TExec&) override { return ask("exec_failed" + name); }
+};
+
+struct HookCase {
+    const char* why;
+    TExec exec;
+    bool may_fork, second_is_error;
+    std::string out, err;
+};
+
+[[noreturn]] void run_told(const HookCase& c)
+{
+    const rlimit none = {};
+    if (!c.may_fork && (setrlimit(RLIMIT_NPROC, &none) != 0 || setuid(kAlice) != 0))
+        _exit(99);
+    Telling::tell("run");
+    TExec exec = c.exec;
+    exec += make_prepare<Telling>("1", !c.second_is_error);
+    exec += make_prepare<Telling>("2", c.second_is_error);
+    try {
+        const TSLProcess process = exec.execute();
+        Telling::tell(process.pid < 0 ? "not started" : "exit " + xtos(unsigned(process.exit_code)));
+    } catch (const TSysCallErr& e) {
+        Telling::tell(e.what());
+    }
+    _exit(9);
+}
+
+TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
+{
+    const std::string run = "run ", parent = run + "bef_fork1 bef_fork2 aft_fork4p1 aft_fork4p2 ";
+    const std::string exec = "bef_exec1 bef_exec2 ", child = "aft_fork4d1 aft_fork4d2 " + exec;
+    const std::string no_fork = run + "bef_fork1 bef_fork2 fork_failed1 fork_failed2 ";
+    const std::string no_exec = "exec_failed1 exec_failed2 ", no_file = "No such file or directory ";
+    const TExec missing({"/no"});
+    const HookCase cases[] = {
+        {"a normal run", sh("exit 5"), true, true, parent + "exit 5 ", child},
+        {"exec fails in the child", missing, true, true, parent + "exit 9 ", child + no_exec + no_file},
+        {"that is no error", missing, true, false, parent + "exit 9 ", child + no_exec + "not started "},
+        {"fork fails", sh(""), false, true, no_fork + "Resource temporarily unavailable ", ""},
+        {"that is no error", sh(""), false, false, no_fork + "not started ", ""},
+        {"without fork", missing ^ fork_mode, true, true, run + exec + no_exec + no_file, ""},
+        {"that is no error", missing ^ fork_mode, true, false, run + exec + no_exec + "not started ", ""},
+    };
+    for (const HookCase& c : cases) {
+        SCOPED_TRACE(c.why);
+        static const HookCase* current = nullptr;
+        current = &c;
+        EXPECT_EQ(in_child([] { run_told(*current); }), (Result {9, c.out, c.err, 0}));
+    }
+    TExec emptied = sh("") * Prepare();
+    emptied += Prepare();
+    EXPECT_TRUE(emptied.prepare()->exec_failed(emptied));
+}
+
+TEST(Redirections, ArrangeDescriptorsInWrittenOrder)
+{
+    const Site site;
+    const std::string in = site.path("in"), out = site.path("out");
+    std::ofstream(in) << "input";
+    const TExec cat({"cat"}), both = sh("echo out; echo err >&2"), writer = sh("echo x 2>/dev/null || echo failed >&3");
+    struct Case {
+        const char* why;
+        TExec exec;
+        std::string written;
+    };
+    const Case cases[] = {
+        {"a new file", cat<in> out, "input"},
+        {"truncated", sh("echo") > out, "\n"},
+        {"appended, and text in", (cat << "text") >> out, "\ntext"},
+        {"both streams", (both > out) & TRedirect(2, 1), "out\nerr\n"},
+        {"the stream as it was before", (both & TRedirect(2, 1) & TRedirectToFile(1, out)) << "", "out\n"},
+        {"other numbers", sh("echo >&7; echo >&8") & TRedirectToFile(7, out) & TRedirect(8, 7), "\n\n"},
+        {"another number, appended", sh("echo >&9") & TRedirectToFile(9, out, true), "\n\n\n"},
+        {"onto itself", (sh("echo") > out) & TRedirect(1, 1), "\n"},
+        {"no file to read: closed", sh("cat 2>/dev/null || echo failed") < "/no" > out, "failed\n"},
+        {"no source: closed", writer & TRedirectToFile(3, out) & TRedirect(1, 99), "failed\n"},
+        {"no file to write: closed", (writer & TRedirectToFile(3, out)) > "/no/x", "failed\n"},
+    };
+    umask(0);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.why);
+        EXPECT_EQ(TExec(c.exec).execute().exit_code, 0);
+        EXPECT_EQ(read(out), c.written);
+    }
+    umask(022);
+    EXPECT_EQ(mode_of(out), 0664U);
+}
+
+TEST(TExecsList, RunsInOrderAndAttachesToTheLast)
+{
+    const Site site;
+    const std::string in = site.path("in"), out = site.path("out");
+    std::ofstream(in) << "in";
+    const TExec cat = TExec({"cat"}) >> out, one = sh("printf 1") >> out, two = sh("printf 2; exit 4") >> out;
+    EXPECT_EQ((((one, two), (two, one)), two).execute().exit_code, 4);
+    EXPECT_EQ((two, TExecsList()).execute().exit_code, 4);
+    EXPECT_EQ((TExecsList() | two).execute().exit_code, 4);
+    EXPECT_EQ((TExecsList() << "nobody").execute().pid, 0);
+    EXPECT_EQ(read(out), "1221222");
+
+    const TExec first = (sh("tr a-z A-Z; printf /") >> out) < "/dev/null";
+    ((first, cat) < in).execute();
+    ((first, cat) << "text").execute();
+    (((first, sh("printf out; printf err >&2")) >> out) & TRedirect(2, 1)).execute();
+    ((first, sh("printf err >&2")) & TRedirectToFile(2, out, true)).execute();
+    EXPECT_EQ(read(out), "1221222/in/text/outerr/err");
+    ((one, sh("printf last")) > out).execute();
+    EXPECT_EQ(read(out), "last");
+}
+
+std::string modes(TExecsList list)
+{
+    std::string text;
+    for (const TExec& exec : list)
+        text += xtos(exec.mode().to_ulong());
+    return text;
+}
+
+TEST(Pipelines, CarryMoreThanAPipeHoldsAndLeaveNothingOpen)
+{
+    const auto before = open_descriptors();
+    const std::string open_in_child = run({"ls", "/proc/self/fd"}).out;
+    const TExec cat({"cat"}), large = cat << kLarge, count({"wc", "-c"}), open({"ls", "/proc/self/fd"});
+    EXPECT_EQ(modes(cat | cat), "57");
+    EXPECT_EQ(modes(cat | (cat | cat)), "557");
+    EXPECT_EQ(modes((cat | cat) | cat), "577");
+    EXPECT_EQ(captured(large), kLarge);
+    EXPECT_EQ(captured(large | (cat | count)), xtos(kLarge.size()) + "\n");
+    EXPECT_EQ(captured((large | cat) | count), xtos(kLarge.size()) + "\n");
+    EXPECT_EQ((large | (cat | sh("head -c 1 >/dev/null; exit 6"))).execute().exit_code, 6);
+    for (const TExecsList& list : {TExecsList(open << ""), open | (cat | cat), (cat << "") | (open | cat),
+                                   (cat << "") | (cat | open), ((cat << "") | open) << ""})
+        EXPECT_EQ(captured(list), open_in_child);
+    const TExec busy = cat & TRedirect(3, 2) & TRedirect(4, 2) & TRedirect(5, 2) & TRedirect(6, 2);
+    EXPECT_EQ(captured((busy << "x") | (busy | busy)), "x");
+    while (wait(nullptr) > 0) { }  // the writers above lost their reader, so they end
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(Pipelines, WorkWithoutTheStandardStreams)
+{
+    EXPECT_EQ(in_child([] {
+                  const TExec cat({"cat"}), from_file = cat < "/proc/sys/kernel/ostype";
+                  close(STDIN_FILENO);
+                  std::cerr << captured(from_file | cat) << captured((cat << "text") | (cat | cat)) << std::flush;
+                  close(STDOUT_FILENO);
+                  std::cerr << captured(from_file | cat) << captured((cat << "text") | (cat | cat));
+              }),
+              says(0, "Linux\ntextLinux\ntext"));
+}
+
+TEST(CapturedOutput, JudgesTheLastProgram)
+{
+    EXPECT_EQ(captured(sh("")), "");
+    EXPECT_EQ(captured((sh("exit 9"), sh("printf abc"))), "abc");
+    EXPECT_EQ(captured(sh("printf abc; exit 3")), "child failed (exit code=3): abc");
+    EXPECT_EQ(captured(sh("printf abc; kill -KILL $$")), "child failed (status=9): abc");
+    EXPECT_EQ(captured(TExecsList()), "untouched");
+    const std::string stopped = captured(sh("printf $$; exec >&-; kill -STOP $$"));
+    const std::string text = "child failed (status=" + xtos(W_STOPCODE(SIGSTOP)) + "): ";
+    EXPECT_EQ(stopped.substr(0, text.size()), text);
+    EXPECT_EQ(kill(std::stoi(stopped.substr(text.size())), SIGKILL), 0);
+}
+
+TEST(Signals, InterruptNothing)
+{
+    struct sigaction action = {}, old = {};
+    action.sa_handler = [](int) {};  // and no restart by the system
+    sigaction(SIGUSR1, &action, &old);
+    TExec signals = sh("i=0; while [ $i -lt 200 ]; do kill -USR1 $PPID; i=$((i + 1)); done; printf end");
+    EXPECT_EQ(captured(signals), "end");
+    signals += make_prepare<TToFile>("/dev/null");
+    EXPECT_EQ(signals.execute().exit_code, 0);
+    EXPECT_EQ(wait_process((signals & ~wait_mode).execute().pid), 0);
+    sigaction(SIGUSR1, &old, nullptr);
+}
+
+}  // namespace
