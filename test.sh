@@ -11,7 +11,7 @@ if [ "$(id -u)" -ne 0 ]; then
     exit 1
 fi
 
-packages="g++ cmake make clang-format clang-tidy shellcheck strace
+packages="g++ cmake make pkg-config clang-format clang-tidy shellcheck strace
     libboost-filesystem-dev libboost-program-options-dev libxml2-dev libgtest-dev
     apache2-bin libapache2-mod-php php-cli perl curl"
 missing=
@@ -26,7 +26,7 @@ if [ -n "$missing" ]; then
 fi
 
 jobs=$(nproc)
-sources=$(find app common clib sys tests -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
+sources=$(find app common clib sys tests examples bench -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
 
 say "Form: clang-format, shellcheck"
 # shellcheck disable=SC2086

@@ -20,15 +20,13 @@ TEArgs::TEArgs() : rep_(std::make_unique<TRep>())
 
 TEArgs::TEArgs(std::initializer_list<std::string> strings) : TEArgs()
 {
-    if (strings.size() > kMaxStrings)
-        throwTOverflow(strings.size());
+    check_room(strings.size());
     rep_->assign(strings);
 }
 
 void TEArgs::push_back(const TEArgs& other)
 {
-    if (size() + other.size() > kMaxStrings)
-        throwTOverflow(other.size());
+    check_room(other.size());
     const Handle<TRep> added = other.rep_;  // held, so that a vector appended to itself is shared
     if (rep_.count() > 1)
         rep_ = Handle<TRep>(std::make_unique<TRep>(*rep_));
@@ -40,6 +38,12 @@ const std::string& TEArgs::operator[](std::size_t index) const
     if (index >= size())
         throwTOutOfRange(index);
     return (*rep_)[index];
+}
+
+void TEArgs::check_room(std::size_t added) const
+{
+    if (size() + added > kMaxStrings)
+        throwTOverflow(added);
 }
 
 void TEArgs::throwTOutOfRange(std::size_t index) const

@@ -46,6 +46,8 @@ public:
     [[noreturn]] void throwTOverflow(std::size_t added) const;
 
 private:
+    void check_room(std::size_t added) const;
+
     Handle<TRep> rep_;
 };
 

@@ -34,12 +34,6 @@ std::string read_all(int fd)
 
 }  // namespace
 
-void TExecsList::append(const TExecsList& other)
-{
-    const std::vector<TExec> added = other.execs_;  // it may be this list
-    execs_.insert(execs_.end(), added.begin(), added.end());
-}
-
 TSLProcess TExecsList::execute()
 {
     TSLProcess last;
@@ -50,7 +44,7 @@ TSLProcess TExecsList::execute()
 
 TExecsList operator,(TExecsList left, const TExecsList& right)
 {
-    left.append(right);
+    left.execs_.insert(left.execs_.end(), right.execs_.begin(), right.execs_.end());
     return left;
 }
 
@@ -62,8 +56,7 @@ TExecsList operator|(TExecsList left, TExecsList right)
         right.front() += make_prepare<TReadFromPipeline>(pipe);
         left.front() = left.front() & ~wait_mode;  // the first, even where the last one writes
     }
-    left.append(right);
-    return left;
+    return left, right;
 }
 
 TExecsList& operator+=(TExecsList& list, const Handle<TExec::TPrepare>& prepare)

@@ -18,9 +18,6 @@ public:
     TExecsList() = default;
     TExecsList(const TExec& exec) : execs_ {exec} { }
 
-    /// Appends all invocations of `other`, in order.
-    void append(const TExecsList& other);
-
     bool empty() const noexcept { return execs_.empty(); }
     std::size_t size() const noexcept { return execs_.size(); }
     TExec& front() { return execs_.front(); }
@@ -36,6 +33,8 @@ public:
     TSLProcess execute();
 
 private:
+    friend TExecsList operator,(TExecsList left, const TExecsList& right);
+
     std::vector<TExec> execs_;
 };
 

@@ -38,7 +38,6 @@ TDescriptor out_of_the_way(const TDescriptor& fd)
     return moved;
 }
 
-// The unused end is closed first: it may have the number that the other one gets.
 void become_input(TPipe& pipe)
 {
     pipe.write_end.reset();
@@ -55,9 +54,7 @@ void become_output(TPipe& pipe)
 [[noreturn]] void feed(TPipe& pipe, const std::string& text)
 {
     become_output(pipe);
-    // An end of another pipe kept open here would keep its processes waiting.
-    static_cast<void>(::close(STDIN_FILENO));
-    ::closefrom(STDERR_FILENO);
+    ::closefrom(STDERR_FILENO);  // the end of another pipe would keep its processes waiting
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count =
             retried([&] { return ::write(STDOUT_FILENO, text.data() + done, text.size() - done); });

@@ -1,0 +1,36 @@
+# What other programs build on: the libraries, their headers as they include each other, a CMake
+# package and pkg-config files.
+include(CMakePackageConfigHelpers)
+include(GNUInstallDirs)
+
+set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zendrel)
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/zendrel)
+
+install(TARGETS zendrel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+
+# Found from where the file lies, so that the tree may be moved.
+file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+
+function(zendrel_install folder description requires libs)
+    target_include_directories(zendrel_${folder} INTERFACE $<INSTALL_INTERFACE:${headers}>)
+    target_compile_features(zendrel_${folder} PUBLIC cxx_std_17)
+    set_target_properties(zendrel_${folder} PROPERTIES EXPORT_NAME ${folder})
+    install(TARGETS zendrel_${folder} EXPORT zendrel DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(DIRECTORY ${folder} DESTINATION ${headers} FILES_MATCHING PATTERN *.h)
+    configure_file(cmake/zendrel.pc.in zendrel-${folder}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/zendrel-${folder}.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+
+zendrel_install(common "errors and temporary files" "libxml-2.0" "")
+zendrel_install(clib "the panel's C functions" "" "")
+zendrel_install(sys "running programs, pipelines and redirections" "zendrel-common" "")
+zendrel_install(app "deploying packaged web applications" "zendrel-common zendrel-clib"
+    "-lboost_filesystem -lboost_program_options")
+
+install(EXPORT zendrel NAMESPACE zendrel:: FILE zendrelTargets.cmake DESTINATION ${package})
+configure_package_config_file(cmake/zendrelConfig.cmake.in zendrelConfig.cmake
+    INSTALL_DESTINATION ${package})
+write_basic_package_version_file(zendrelConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zendrelConfig.cmake
+    ${PROJECT_BINARY_DIR}/zendrelConfigVersion.cmake DESTINATION ${package})
