@@ -55,7 +55,8 @@ protected:
 
 TEST_F(Apache, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
 {
-    // With no module for CGI; with the daemon's; with CGI and the server's own handler for PHP; with CGI alone.
+    // What becomes of a request: with no module for CGI, with the daemon's, with CGI and the server's own handler
+    // for PHP, with CGI alone.
     const Tree expected = {{"/cgi-bin/page.php", "sent sent ran sent "}, {"/data/run.pl", "sent sent sent sent "},
                            {"/page.php", "sent sent ran sent "},         {"/run.pl", "sent sent sent sent "},
                            {"/tools/run", "sent sent ran ran "},         {"/x/below/run.pl", "sent sent ran ran "},

@@ -32,18 +32,19 @@ TEST_F(RunScript, InterpretersAreTriedInTheirOrder)
     site_.shell("printf 'PRODUCT_ROOT_D %s\nCLIENT_PHP_BIN %s\n' $PWD $PWD/client-php >/etc/oxa/oxa.conf\n"
                 "mkdir bin; for name in bin/mo-engine-tarvikrun cli-php client-php; do\n"
                 "echo '#!/bin/sh\necho ${0##*/} $*' >$name; done");
-    const std::string cases[][3] = {
-        {"chmod 755 bin/* client-php; chmod 754 cli-php", "php", "client-php"},
-        {"chmod 555 cli-php", "php", "cli-php"},
-        {"", "mo-engine-tarvikrun", "mo-engine-tarvikrun"},
-        {"rm bin/*", "mo-engine-tarvikrun", "cli-php"},
+    // What happens to the candidates, the package's language, which of them is run, and an action.
+    const std::string cases[][4] = {
+        {"chmod 755 bin/* client-php; chmod 754 cli-php", "php", "client-php", "configure"},
+        {"chmod 555 cli-php", "php", "cli-php", "upgrade"},
+        {"", "mo-engine-tarvikrun", "mo-engine-tarvikrun", "enable"},
+        {"rm bin/*", "mo-engine-tarvikrun", "cli-php", "disable"},
     };
-    for (const auto& [commands, language, program] : cases) {
+    for (const auto& [commands, language, program, action] : cases) {
         site_.shell(commands);
         package(language);
-        EXPECT_EQ(run_script({"--php-cli=" + site_.path("cli-php")}).out,
-                  program + " -d variables_order=EGPCS -d safe_mode=0 -d open_basedir= " + scripts_
-                      + "/configure install\n");
+        EXPECT_EQ(run_script({"--php-cli=" + site_.path("cli-php"), "--script-name=" + action}).out,
+                  program + " -d variables_order=EGPCS -d safe_mode=0 -d open_basedir= " + scripts_ + "/configure "
+                      + action + "\n");
     }
     site_.shell("rm /etc/oxa/oxa.conf");
 }
@@ -74,9 +75,9 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
             "#!/bin/sh\nfor word; do echo \"[$word]\"; done; pwd; readlink /proc/self/fd/0; ls /proc/$$/fd\n"
             "grep -E '^([UG]id|Groups|CapEff)' /proc/self/status; echo ${SANDBOX_DIR:+kept} >&2; exit 200\n");
     const int leaked = open("/etc/passwd", O_RDONLY);  // inherited by the utility, not by its child
-    EXPECT_EQ(run_script({"one", "--additional-script-params=t w o", "", "--", "--five"}),
+    EXPECT_EQ(run_script({"--script-name=query", "one", "--additional-script-params=t w o", "", "--", "--five"}),
               (Result {200,
-                       "[install]\n[one]\n[t w o]\n[]\n[--five]\n" + scripts_
+                       "[query]\n[one]\n[t w o]\n[]\n[--five]\n" + scripts_
                            + "\n/dev/null\n0\n1\n10\n2\n"
                              "Uid:\t28001\t28001\t28001\t28001\nGid:\t28010\t28010\t28010\t28010\n"
                              "Groups:\t28010 \nCapEff:\t0000000000000000\n",
