@@ -47,7 +47,7 @@ TEST(Accounts, AreFoundByNameAndNumberElseReportedAndZero)
     EXPECT_TRUE(tarvik_ugid("alice", 1) == kClients && get_user_id("bob") == kBob && get_group_id("28011") == 28011);
     EXPECT_EQ(in_child([] {
                   unsigned ids = tarvik_ugid("nosuch", 0);
-                  for (const char* group : {"0", "4242", "99999999999999999999", "12x"}) {
+                  for (const char* group : {"0", "4242", "4294967296", "12x"}) {
                       errno = EINTR;  // an older error is not theirs
                       ids |= get_group_id(group);
                   }
