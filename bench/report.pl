@@ -9,8 +9,9 @@ use POSIX qw(ceil floor);
 
 binmode STDOUT, ':utf8';
 my ($results, $document, $plot) = @ARGV;
+my @starters = ('TExec', 'posix_spawn', 'system', 'TExec, redirected');
 my @tools = ('extract', 'cp -r', 'rsync -a', 'delete', 'rm -rf');
-my (%figures, %sizes, %places, @info);
+my (%figures, %sizes, %places, %memory, @info);
 
 open my $in, '<', $results or die "$results: $!\n";
 while (<$in>) {
@@ -19,7 +20,7 @@ while (<$in>) {
     push(@info, "- $tool: $place\n"), next if $kind eq 'info';
     die "$_: not a figure\n" unless defined $value && $value =~ /^\d+$/;
     push @{$figures{$kind, $tool, $place, $size}}, $value;
-    $sizes{$size} = $places{$place} = 1;
+    $kind eq 'spawn' ? ($memory{$place} = 1) : ($sizes{$size} = $places{$place} = 1);
 }
 my @large = grep { delete $sizes{$_} } 'large';
 my @sizes = sort { $a <=> $b } keys %sizes;
@@ -92,7 +93,14 @@ for my $place ($disk, @others) {
     }
 }
 my $report = join "\n", join('', @info), table(@targets), "Seconds, as median (least–most):\n", table(@medians);
-print "$report\ntargets missed: $missed\n";
+my @starts = (['Memory touched', @starters]);
+for my $touched (sort { $a <=> $b } keys %memory) {
+    push @starts, ["$touched MiB", map {
+        sprintf '%d (%d–%d)', median('spawn', $_, $touched, 'start'), (all('spawn', $_, $touched, 'start'))[0, -1];
+    } @starters];
+}
+my $starts = %memory ? "Microseconds a start, as median (least–most):\n\n" . table(@starts) : '';
+print "$report\n$starts\ntargets missed: $missed\n";
 
 # --- The plot -------------------------------------------------------------------------------------
 
@@ -142,7 +150,10 @@ sub write_file {
 if ($document) {
     open my $old, '<:utf8', $document or die "$document: $!\n";
     my $content = do { local $/; <$old> };
-    $content =~ s/(<!-- results -->\n).*(<!-- end of results -->)/$1\n$report\n$2/s or die "$document: no markers\n";
+    my %parts = (results => $report, %memory ? (starts => $starts) : ());
+    for my $part (sort keys %parts) {
+        $content =~ s/(<!-- $part -->\n).*(<!-- end of $part -->)/$1\n$parts{$part}\n$2/s or die "$document: no $part\n";
+    }
     write_file($document, $content);
     write_file($plot, draw());
 }

@@ -1,9 +1,10 @@
 #!/bin/bash
-# Measures extraction and removal against the usual tools, on package trees made for it.
+# Measures extraction and removal against the usual tools, on package trees made for it, and the start
+# of programs by the process library.
 #
 #   bench/run.sh [--quick] [--write]
 #
-#   --quick  only 1,000 and 10,000 files, and fewer rounds.
+#   --quick  only 1,000 and 10,000 files, fewer rounds, no starts of programs.
 #   --write  also put the results into docs/performance.md and docs/performance.svg.
 #
 # Runs as root and installs the Debian packages it misses. ZENDREL=PROGRAM measures another build
@@ -33,7 +34,7 @@ install_missing() {
         || fail "could not install ${packages[*]}"
 }
 
-build() { (cd "$root" && cmake --preset release && cmake --build --preset release --target zendrel); }
+build() { (cd "$root" && cmake --preset release && cmake --build --preset release --target zendrel spawn); }
 
 if [ "${1-}" != --inside ]; then
     [[ " $* " =~ ^(\ (--quick|--write))*\ +$ ]] || fail "usage: $0 [--quick] [--write]"
@@ -183,6 +184,10 @@ record info 'Load before' "$(cut -d ' ' -f 1 /proc/loadavg)"
 # Short runs need more of them, and so do large files, which depend on the state of the memory.
 runs=('1000 25' '10000 9' '100000 7' 'large 11')
 [[ $* != *--quick* ]] || runs=('1000 11' '10000 5')
+if [[ $* != *--quick* && -x $root/build/release/spawn ]]; then
+    say "starting programs"
+    "$root/build/release/spawn" >>"$results"
+fi
 for size_rounds in "${runs[@]}"; do
     read -r size rounds <<<"$size_rounds"
     for place in "${places[@]}"; do

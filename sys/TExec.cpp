@@ -14,6 +14,14 @@ namespace {
 
 constexpr TSLProcess kNoProcess = {-1, 0};
 
+/// Without hooks nothing happens between fork and exec, and a process with much memory is better
+/// not copied for that. @return the child; -1 when it needs a fork, which then meets what went
+/// wrong.
+pid_t start_without_hooks(const TExec& exec)
+{
+    return exec.prepare() ? -1 : spawn_v(exec.args(), (exec.mode() & path_mode).any());
+}
+
 /// @return the exit code of a child that ends; -1 when it does not exit by itself.
 int wait_exit_code(pid_t child)
 {
@@ -64,7 +72,9 @@ TSLProcess TExec::execute()
         return replace_image(hooks);
 
     hooks.bef_fork(*this);
-    const pid_t child = ::fork();
+    pid_t child = start_without_hooks(*this);
+    if (child < 0)
+        child = ::fork();
     if (child < 0) {
         const int error = errno;
         if (hooks.fork_failed(*this))

@@ -16,6 +16,12 @@ class TEArgs;
 int exec_v(const TEArgs& args, bool path_search);
 
 /**
+ * Starts a program in a new process that shares the caller's memory until then, so that its size
+ * costs nothing. @return the process; -1 when it could not be started.
+ */
+pid_t spawn_v(const TEArgs& args, bool path_search);
+
+/**
  * Waits until a child ends or is stopped. Interrupted, it goes on waiting.
  * @return the raw wait status; 0 when there is no such child.
  * @throws SystemError (or ExSystemError<N>) "waitpid() failed" for anything else.

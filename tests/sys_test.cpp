@@ -104,6 +104,10 @@ TEST(TExec, ReturnsTheChildAndItsExitCode)
     EXPECT_TRUE(WIFSTOPPED(wait_process(stopped)));
     EXPECT_EQ(kill(stopped, SIGKILL), 0);
     EXPECT_TRUE(WIFSIGNALED(wait_process(stopped)));
+    EXPECT_EQ(in_child([] {
+                  std::cout << error_of([] { _exit(TExec({"/no"}).execute().exit_code); });  // told by the child
+              }),
+              (Result {0, "No such file or directory", "", 0}));
     const pid_t invalid = std::numeric_limits<pid_t>::min();
     EXPECT_EQ(error_of([&] { wait_process(invalid); }), "waitpid() failed: No such process");
 }
