@@ -105,7 +105,7 @@ TEST(TExec, ReturnsTheChildAndItsExitCode)
     EXPECT_EQ(kill(stopped, SIGKILL), 0);
     EXPECT_TRUE(WIFSIGNALED(wait_process(stopped)));
     EXPECT_EQ(in_child([] {
-                  std::cout << error_of([] { _exit(TExec({"/no"}).execute().exit_code); });  // told by the child
+                  std::cout << error_of([] { _exit((sh("") ^ path_mode).execute().exit_code); });  // told by the child
               }),
               (Result {0, "No such file or directory", "", 0}));
     const pid_t invalid = std::numeric_limits<pid_t>::min();
