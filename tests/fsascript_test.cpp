@@ -1,6 +1,8 @@
+#include "app/fsascript.h"
 #include "tests/support/Sandbox.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace sandbox;
@@ -114,6 +116,18 @@ TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)
         }
         EXPECT_EQ(said, "0install: created " + file + "\n3configure: remove: " + lost) << version << name;
     }
+}
+
+TEST(ForkExecvPipes, SwitchesUserAndSetsTheEnvironment)
+{
+    EXPECT_EQ(in_child([] {
+                  tarvik::ArgList words;
+                  for (const char* word : {"sh", "-c", "id -un; echo $HOME; head -c 4"})
+                      words.append(word);
+                  const int in = open("/etc/passwd", O_RDONLY);
+                  waitpid(tarvik::forkExecvPipes(in, 1, 2, "sh", words, "bob", {{"HOME", "new"}}), nullptr, 0);
+              }),
+              (Result {0, "bob\nnew\nroot", "", 0}));
 }
 
 }  // namespace
