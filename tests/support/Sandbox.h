@@ -14,8 +14,8 @@
  */
 namespace sandbox {
 
-constexpr uid_t kAlice = 28001, kBob = 28002, kCarol = 28003, kWebServer = 33;
-constexpr gid_t kClients = 28010, kServices = 28011, kEditors = 28012;
+constexpr uid_t kAlice = 28001, kBob = 28002;
+constexpr gid_t kClients = 28010;
 
 using Words = std::vector<std::string>;
 using Tree = std::map<std::string, std::string>;
