@@ -182,7 +182,7 @@ record info Kernel "Linux $(uname -r | sed 's/[^0-9.].*//')"
 record info 'File system' "$disk_is"
 record info 'Load before' "$(cut -d ' ' -f 1 /proc/loadavg)"
 # Short runs need more of them, and so do large files, which depend on the state of the memory.
-runs=('1000 25' '10000 9' '100000 7' 'large 11')
+runs=('1000 25' '10000 9' '100000 11' 'large 11')
 [[ $* != *--quick* ]] || runs=('1000 11' '10000 5')
 if [[ $* != *--quick* && -x $root/build/release/spawn ]]; then
     say "starting programs"
