@@ -193,12 +193,7 @@ TEST(Redirections, ArrangeDescriptorsInWrittenOrder)
     const std::string in = site.path("in"), out = site.path("out");
     std::ofstream(in) << "input";
     const TExec cat({"cat"}), both = sh("echo out; echo err >&2"), writer = sh("echo x 2>/dev/null || echo failed >&3");
-    struct Case {
-        const char* why;
-        TExec exec;
-        std::string written;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, TExec, std::string> cases[] = {
         {"a new file", (cat < in) > out, "input"},
         {"truncated", sh("echo") > out, "\n"},
         {"appended, and text in", (cat << "text") >> out, "\ntext"},
@@ -212,10 +207,9 @@ TEST(Redirections, ArrangeDescriptorsInWrittenOrder)
         {"no file to write: closed", (writer & TRedirectToFile(3, out)) > "/no/x", "failed\n"},
     };
     umask(0);
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.why);
-        EXPECT_EQ(TExec(c.exec).execute().exit_code, 0);
-        EXPECT_EQ(read(out), c.written);
+    for (auto [why, exec, written] : cases) {
+        EXPECT_EQ(exec.execute().exit_code, 0) << why;
+        EXPECT_EQ(read(out), written) << why;
     }
     umask(022);
     EXPECT_EQ(mode_of(out), 0664U);
