@@ -115,8 +115,9 @@ FileCopier::FileCopier(const std::string& packageDir, const std::string& appDir,
 
 void FileCopier::install(const FSAInstallFileinfo& file)
 {
-    const std::string source = packageDir_ + "/" + file.sourcePath;
-    const std::string target = appDir_ + "/" + file.targetPath;
+    // These are written over what was allocated for the last file.
+    const std::string& source = source_.assign(packageDir_).append("/").append(file.sourcePath);
+    const std::string& target = target_.assign(appDir_).append("/").append(file.targetPath);
     try {
         enter_parent(target);
         if (is_directory(source, file.type))

@@ -48,6 +48,7 @@ private:
     const std::string& packageDir_;
     const std::string& appDir_;
     const std::string& userName_;
+    std::string source_, target_;
     LastDirectory sources_;
     LastDirectory targets_;
     std::string settledParent_;           ///< its mode is as wanted

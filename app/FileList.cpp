@@ -105,12 +105,11 @@ void list_below(const std::string& directory, const std::string& prefix,
                 std::vector<ListedEntry>& listed)
 {
     const std::string start = directory.back() == '/' ? directory : directory + "/";
-    for (const ListedEntry& entry : read_directory(directory)) {
-        const std::string path = start + entry.path;
-        const EntryType type = entry.type == EntryType::Unknown ? examine(path) : entry.type;
-        listed.push_back({prefix + entry.path, type});
+    for (const auto& [name, told] : read_directory(directory)) {
+        const EntryType type = told == EntryType::Unknown ? examine(start + name) : told;
+        listed.push_back({prefix + name, type});
         if (type == EntryType::Directory)
-            list_below(path, prefix + entry.path + "/", listed);
+            list_below(start + name, prefix + name + "/", listed);
     }
 }
 

@@ -106,15 +106,16 @@ void plan_mapping(const FSAMetaDataWebContent& mapping, const std::string& packa
     }
 
     const CgiRule cgi(mapping.cgiHandlers);
+    const std::string sourceStart = path.empty() ? "" : path + "/";
+    const std::string targetStart = url.empty() ? "" : url + "/";
     for (const ListedEntry& entry : list_tree(source)) {
-        FSAInstallFileinfo file = {path, url, false, EntryType::Unknown};
-        if (!entry.path.empty()) {
-            const std::string below = "/" + erase_starting_slashes(entry.path);
-            file = {erase_starting_slashes(path + below), erase_starting_slashes(url + below),
-                    cgi.executes(entry.path), entry.type};
-        }
-        std::string key = file.targetPath;
-        plan.files.insert_or_assign(std::move(key), std::move(file));
+        if (entry.path.empty())
+            plan.files.insert_or_assign(url, FSAInstallFileinfo {path, url});
+        else
+            plan.files.insert_or_assign(targetStart + entry.path,
+                                        FSAInstallFileinfo {sourceStart + entry.path,
+                                                            targetStart + entry.path,
+                                                            cgi.executes(entry.path), entry.type});
     }
 }
 
