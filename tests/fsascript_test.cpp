@@ -17,12 +17,14 @@ protected:
         site_.metadata("<configuration-script-language>" + language + "</configuration-script-language>");
         site_.write("package/scripts/configure", text, 0755);
     }
-    Result run_script(const Words& changes = {}) const
+    Result run_script(const Words& changes = {}, const std::string& redirections = "") const
     {
         const std::string name = "--application-full-name=file:///" + site_.path("package");
-        return zendrel(changed({"--run-application-script", name, "--script-name=install", "--user-name=alice",
-                                "--script-file-name=?", "--script-language=?", "--php-cli=/usr/bin/php"},
-                               changes));
+        Words words = changed({"--run-application-script", name, "--script-name=install", "--user-name=alice",
+                               "--script-file-name=?", "--script-language=?", "--php-cli=/usr/bin/php"},
+                              changes);
+        words.insert(words.begin(), {"sh", "-c", "exec \"$0\" \"$@\" " + redirections, ZENDREL_PROGRAM});
+        return run(words);
     }
 
     const Site site_;
@@ -85,6 +87,8 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
                              "Groups:\t28010 \nCapEff:\t0000000000000000\n",
                        "kept\n", 0}));
     close(leaked);
+    package("binary", "#!/bin/sh\necho to nobody\n");
+    EXPECT_EQ(run_script({}, "0<&- 1>&- 2>&-"), says(0, ""));  // it has streams even if the caller has none
     package("binary", "#!/bin/sh\nkill -KILL $$\n");
     EXPECT_EQ(run_script().status, 255);
     package("binary", "#!/no/such/interpreter\n");
