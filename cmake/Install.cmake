@@ -13,6 +13,8 @@ file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 
 function(zendrel_install folder description requires libs)
     target_include_directories(zendrel_${folder} INTERFACE $<INSTALL_INTERFACE:${headers}>)
+    target_compile_definitions(zendrel_${folder}
+        INTERFACE $<INSTALL_INTERFACE:BOOST_FILESYSTEM_VERSION=3>)  # as it was built
     target_compile_features(zendrel_${folder} PUBLIC cxx_std_17)
     set_target_properties(zendrel_${folder} PROPERTIES EXPORT_NAME ${folder})
     install(TARGETS zendrel_${folder} EXPORT zendrel DESTINATION ${CMAKE_INSTALL_LIBDIR})

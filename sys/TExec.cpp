@@ -14,9 +14,8 @@ namespace {
 
 constexpr TSLProcess kNoProcess = {-1, 0};
 
-/// Without hooks nothing happens between fork and exec, and a process with much memory is better
-/// not copied for that. @return the child; -1 when it needs a fork, which then meets what went
-/// wrong.
+/// Without hooks nothing happens between fork and exec that a caller had to be copied for.
+/// @return the child; -1 when it needs a fork, which then meets what went wrong.
 pid_t start_without_hooks(const TExec& exec)
 {
     return exec.prepare() ? -1 : spawn_v(exec.args(), (exec.mode() & path_mode).any());
@@ -34,13 +33,18 @@ int wait_exit_code(pid_t child)
 }  // namespace
 
 void TExec::TPrepare::bef_fork(TExec&) { }
+
 bool TExec::TPrepare::fork_failed(TExec&)
 {
     return true;
 }
+
 void TExec::TPrepare::aft_fork4p(TExec&) { }
+
 void TExec::TPrepare::aft_fork4d(TExec&) { }
+
 void TExec::TPrepare::bef_exec(TExec&) { }
+
 bool TExec::TPrepare::exec_failed(TExec&)
 {
     return true;
@@ -93,10 +97,12 @@ TExec operator&(const TExec& exec, TExec::TMode bits)
 {
     return exec * (exec.mode_ & bits);
 }
+
 TExec operator|(const TExec& exec, TExec::TMode bits)
 {
     return exec * (exec.mode_ | bits);
 }
+
 TExec operator^(const TExec& exec, TExec::TMode bits)
 {
     return exec * (exec.mode_ ^ bits);

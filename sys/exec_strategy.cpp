@@ -91,22 +91,27 @@ void TUnionPrep::bef_fork(TExec& exec)
 {
     both(&TPrepare::bef_fork, exec);
 }
+
 bool TUnionPrep::fork_failed(TExec& exec)
 {
     return ask_both(&TPrepare::fork_failed, exec);
 }
+
 void TUnionPrep::aft_fork4p(TExec& exec)
 {
     both(&TPrepare::aft_fork4p, exec);
 }
+
 void TUnionPrep::aft_fork4d(TExec& exec)
 {
     both(&TPrepare::aft_fork4d, exec);
 }
+
 void TUnionPrep::bef_exec(TExec& exec)
 {
     both(&TPrepare::bef_exec, exec);
 }
+
 bool TUnionPrep::exec_failed(TExec& exec)
 {
     return ask_both(&TPrepare::exec_failed, exec);
