@@ -70,6 +70,8 @@ void reportUntypedException()
 
 void terminateByExceptionUnsafe()
 {
+    if (std::current_exception() == nullptr)
+        std::abort();  // a rethrow of nothing would come back here, again and again
     try {
         throw;
     } catch (const std::exception& e) {

@@ -54,8 +54,8 @@ void reportUntypedException();
 
 /**
  * Terminate handler: prints the active exception on the C standard error stream and exits with 1.
- * Unsafe in that it takes an active exception for granted; without one the rethrow ends the
- * process.
+ * Without one there is nothing to print, and it aborts. Unsafe in that the exit runs handlers and
+ * destructors of a process that met what nobody expected.
  */
 [[noreturn]] void terminateByExceptionUnsafe();
 

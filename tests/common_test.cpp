@@ -5,6 +5,7 @@
 #include "common/misc.h"
 #include "tests/support/Sandbox.h"
 
+#include <csignal>
 #include <iostream>
 
 using namespace sandbox;
@@ -20,6 +21,7 @@ TEST(SystemError, HasATypeForWhoCatchesItAndATextForNobody)
     EXPECT_THROW(throwSystemError("", ECHILD), ExSystemError<10>);
     oxa_set_terminate();
     EXPECT_EQ(in_child([]() noexcept { raise_number(); }), says(1, "Unexpected error\n"));
+    EXPECT_EQ(in_child([] { std::terminate(); }), says(128 + SIGABRT, ""));
     const auto dies = [](const std::string& text) { return says(1, "Unexpected error: " + text + "\n"); };
     EXPECT_EQ(in_child([]() noexcept { throwSystemError("", ESRCH); }), dies("No such process"));
     EXPECT_EQ(in_child([]() noexcept { readFile("/no"); }), dies("/no: open failed: No such file or directory"));
