@@ -9,6 +9,7 @@
 #include "clib/read_configuration.h"
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
+#include "common/signals.h"
 
 #include <boost/filesystem/operations.hpp>
 
@@ -194,6 +195,7 @@ void move_descriptor(int source, int target)
         if (::setenv(name.c_str(), value.c_str(), 1) != 0)
             throwSystemError("forkExecvPipes: setenv() falied", errno);
     }
+    restore_write_signals();
     ::execvp(program.c_str(), arguments.get());
     const int failure = errno;
     messlog2(1, 1, "forkExecvPipes: execv() failed: %s\n", std::strerror(failure));

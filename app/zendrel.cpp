@@ -5,6 +5,7 @@
 #include "app/webserverconfig.h"
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
+#include "common/signals.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -96,6 +97,7 @@ int helpCommand(int /*argc*/, char** /*argv*/)
 int main(int argc, char** argv)
 {
     tarvik::occupy_standard_descriptors();
+    tarvik::ignore_write_signals();  // an installation that cannot report is still to be undone
     try {
         return tarvik::do_main(argc, argv);
     } catch (const tarvik::TarvikUtilException& e) {

@@ -5,6 +5,8 @@
 #include "common/misc.h"
 #include "tests/support/Sandbox.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <iostream>
 
@@ -64,6 +66,25 @@ TEST(TmpFile, IsAFileOfItsOwnAndCleansUpWithoutThrowing)
               }),
               (Result {0, "\n- 600 root:root: final= kept=text\nd 755 root:root: directory\n",
                        "TmpFile autoclean failed: Is a directory\n", 0}));
+}
+
+TEST(WriteSignals, AreErrorsSoThatAFailedExtractionIsUndoneEvenIfNobodyListens)
+{
+    const Site site;
+    site.metadata("<mapping url='/' path='htdocs'/>");
+    for (const std::string file : {"a", "b/c/d"})
+        site.write("package/htdocs/" + file, file);
+    site.put("b/", "", 0755, kBob, 28011);  // warned of after a is there, and then nothing can be made in it
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    Words words = site.extract();
+    words.insert(
+        words.begin(),
+        {"env", "--default-signal", "sh", "-c", "exec \"$0\" \"$@\" 2>&" + std::to_string(ends[1]), ZENDREL_PROGRAM});
+    EXPECT_EQ(run(words), says(1, ""));
+    EXPECT_TRUE(site.tree().empty());
+    close(ends[1]);
 }
 
 }  // namespace

@@ -17,13 +17,15 @@ protected:
         site_.metadata("<configuration-script-language>" + language + "</configuration-script-language>");
         site_.write("package/scripts/configure", text, 0755);
     }
-    Result run_script(const Words& changes = {}, const std::string& redirections = "") const
+    /// Through a wrapper, if there is one.
+    Result run_script(const Words& changes = {}, const std::string& redirections = "", const Words& wrapper = {}) const
     {
         const std::string name = "--application-full-name=file:///" + site_.path("package");
         Words words = changed({"--run-application-script", name, "--script-name=install", "--user-name=alice",
                                "--script-file-name=?", "--script-language=?", "--php-cli=/usr/bin/php"},
                               changes);
         words.insert(words.begin(), {"sh", "-c", "exec \"$0\" \"$@\" " + redirections, ZENDREL_PROGRAM});
+        words.insert(words.begin(), wrapper.begin(), wrapper.end());
         return run(words);
     }
 
@@ -94,6 +96,16 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
     package("binary", "#!/no/such/interpreter\n");
     const std::string error = "No such file or directory\n";
     EXPECT_EQ(run_script(), says_twice(1, "forkExecvPipes: execv() failed: " + error + "\nSystem error 2: " + error));
+}
+
+TEST_F(RunScript, TheScriptStartsWithTheCallersSignals)
+{
+    package("binary", "#!/bin/sh\ngrep SigIgn /proc/self/status\nkill -PIPE $$; echo survived\n");
+    const Result ended = run_script({}, "", {"env", "--default-signal"});
+    EXPECT_EQ(ended.status, 255);
+    EXPECT_EQ(ended.out.substr(0, ended.out.find("waitpid")), "SigIgn:\t0000000000000000\n");
+    EXPECT_EQ(run_script({}, "", {"env", "--default-signal", "--ignore-signal=PIPE", "--ignore-signal=XFSZ"}),
+              (Result {0, "SigIgn:\t0000000001001000\nsurvived\n", "", 0}));
 }
 
 TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)

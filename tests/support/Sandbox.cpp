@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -83,7 +82,6 @@ Result run(const Words& words, const std::string& input, const Limits& limits)
         for (const std::string& word : words)
             arguments.push_back(const_cast<char*>(word.c_str()));
         arguments.push_back(nullptr);
-        ::signal(SIGXFSZ, SIG_IGN);
         limit(RLIMIT_CORE, 1);  // less than any core takes
         limit(RLIMIT_FSIZE, limits.fileSize);
         limit(RLIMIT_CPU, limits.cpuSeconds);

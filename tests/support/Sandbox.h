@@ -33,8 +33,8 @@ inline Result says(int status, const std::string& err) { return {status, "", err
 /// A line that the utility error stream and the host library put on both streams.
 inline Result says_twice(int status, const std::string& text) { return {status, text, text, 0}; }
 
-/// Limits put on a run before it starts, 0 for none: writing beyond the first fails with EFBIG,
-/// spending more than the second ends the process.
+/// Limits put on a run before it starts, 0 for none: writing beyond the first and spending more
+/// than the second end the process unless it ignores the signal.
 struct Limits {
     unsigned long fileSize = 0, cpuSeconds = 0;
 };
