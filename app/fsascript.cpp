@@ -9,11 +9,16 @@
 #include "clib/read_configuration.h"
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
+#include "common/misc.h"
 #include "common/signals.h"
 
 #include <boost/filesystem/operations.hpp>
 
+#include <fcntl.h>
+#include <linux/keyctl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -181,6 +186,41 @@ void move_descriptor(int source, int target)
         throwSystemError("dup2Custom failed", errno);
 }
 
+bool give_up(int terminal)
+{
+    return ::ioctl(terminal, TIOCNOTTY) == 0;
+}
+
+/// What keeps this process from the terminal keeps the script from it, which is the same user.
+bool is_lasting(int failure)
+{
+    return failure == ENXIO || failure == ENOENT || failure == EACCES;
+}
+
+/// The site user's script must not type into the terminal of the caller. A session of its own would
+/// see to that, too, but take it out of the process group that callers send their signals to.
+void give_up_terminal()
+{
+    const TDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (terminal && give_up(terminal.get()))
+        return;
+    const int failure = errno;
+    if (give_up(STDIN_FILENO) || give_up(STDOUT_FILENO) || give_up(STDERR_FILENO))
+        return;  // "/dev/tty" may be missing or locked
+    if (terminal || !is_lasting(failure))
+        throwSystemError("forkExecvPipes: giving up the terminal failed", failure);
+}
+
+/// The caller's keys stay with the caller. Where a kernel has no keyrings or a container refuses
+/// them, the script cannot use any either. A full quota is no excuse: the site user could fill it
+/// to get at the keys.
+void give_up_keys()
+{
+    if (::syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr) < 0 && errno != ENOSYS
+        && errno != EPERM && errno != EACCES)
+        throwSystemError("forkExecvPipes: giving up the keys failed", errno);
+}
+
 [[noreturn]] void exec_child(int input, int output, int error, const std::string& program,
                              const ArgList& arguments, const std::string& userName,
                              const std::map<std::string, std::string>& environment)
@@ -191,6 +231,8 @@ void move_descriptor(int source, int target)
     ::closefrom(kFirstToClose);
     if (!userName.empty() && p_setuid(userName.c_str()) != 0)
         throwSystemError("forkExecvPipes: p_setuid() to '" + userName + "' failed", errno);
+    give_up_terminal();
+    give_up_keys();
     for (const auto& [name, value] : environment) {
         if (::setenv(name.c_str(), value.c_str(), 1) != 0)
             throwSystemError("forkExecvPipes: setenv() falied", errno);

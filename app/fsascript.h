@@ -53,8 +53,9 @@ std::string get_package_script_path(const char* application_full_name);
 bool fsa_is_file_executable(const std::string& path);
 
 /**
- * Starts a program in a child with these streams and no other descriptor open. SIGPIPE and SIGXFSZ
- * are as this process was started with them.
+ * Starts a program in a child with these streams and no other descriptor open, in this process'
+ * group but without its terminal and the keys of its session. SIGPIPE and SIGXFSZ are as this
+ * process was started with them.
  * @param input, output, error  -1 stands for "/dev/null". @param program  without a separator it is
  *        looked up along the search path. @param userName  the child becomes this user, unless it
  *        is empty. @param environment  variables to set in the child, replacing those of its name.

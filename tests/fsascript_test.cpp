@@ -2,8 +2,16 @@
 #include "tests/support/Sandbox.h"
 
 #include <fcntl.h>
+#include <linux/keyctl.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <tuple>
 
 using namespace sandbox;
 
@@ -17,15 +25,16 @@ protected:
         site_.metadata("<configuration-script-language>" + language + "</configuration-script-language>");
         site_.write("package/scripts/configure", text, 0755);
     }
-    /// Through a wrapper, if there is one.
+    /// By a shell that redirects, and a wrapper if there is one.
     Result run_script(const Words& changes = {}, const std::string& redirections = "", const Words& wrapper = {}) const
     {
         const std::string name = "--application-full-name=file:///" + site_.path("package");
         Words words = changed({"--run-application-script", name, "--script-name=install", "--user-name=alice",
                                "--script-file-name=?", "--script-language=?", "--php-cli=/usr/bin/php"},
                               changes);
-        words.insert(words.begin(), {"sh", "-c", "exec \"$0\" \"$@\" " + redirections, ZENDREL_PROGRAM});
+        words.insert(words.begin(), ZENDREL_PROGRAM);
         words.insert(words.begin(), wrapper.begin(), wrapper.end());
+        words.insert(words.begin(), {"sh", "-c", "exec \"$@\" " + redirections, "sh"});
         return run(words);
     }
 
@@ -106,6 +115,57 @@ TEST_F(RunScript, TheScriptStartsWithTheCallersSignals)
     EXPECT_EQ(ended.out.substr(0, ended.out.find("waitpid")), "SigIgn:\t0000000000000000\n");
     EXPECT_EQ(run_script({}, "", {"env", "--default-signal", "--ignore-signal=PIPE", "--ignore-signal=XFSZ"}),
               (Result {0, "SigIgn:\t0000000001001000\nsurvived\n", "", 0}));
+}
+
+TEST_F(RunScript, TheScriptHasTheCallersProcessGroupButNotItsTerminalAndKeys)
+{
+    package("perl",
+            "open my $stat, '/proc/self/stat'; my $own = (split ' ', <$stat>)[6] ? 'terminal' : 'none';\n"
+            "print getpgrp == $ARGV[1] || 'other', \" $own \", open(my $tty, '<', '/dev/tty') || \"$!\",\n"
+            "ioctl(STDERR, $ARGV[2], my $key = 'x') ? ' types' : ' mute',\n"
+            "syscall($ARGV[3], 0, -3, 0) == $ARGV[4] && ' old'");
+    const long keyring = std::max(syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr), 0L);
+    const std::string none = "1 none No such device or address mute", old = keyring > 0 ? " old" : "";
+    if (keyring == 0)
+        std::cout << "Keyrings are refused here and not tested.\n";
+    const auto prints = [](const std::string& text) { return Result {0, text, "", 0}; };
+    const auto fails = [](const std::string& text) {
+        return says_twice(1, "Fatal error: tarvik::SystemError(forkExecvPipes: giving up the " + text + ")\n");
+    };
+    // A redirection, what goes wrong in the child, and what comes of it.
+    const std::tuple<std::string, std::string, Result> cases[] = {
+        {"", "", prints(none)},
+        {"2>/dev/tty", "", prints(none)},
+        {"2>/dev/tty", "openat:error=ENFILE", prints(none)},
+        {"", "openat:error=ENFILE", fails("terminal failed: Too many open files in system")},
+        {"", "openat:error=EACCES", prints("1 terminal 1 mute")},
+        {"", "keyctl:error=EPERM", prints(none + old)},
+        {"", "keyctl:error=EDQUOT", fails("keys failed: Disk quota exceeded")},
+    };
+    int terminal = -1;
+    const pid_t leader = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (leader == 0) {
+        Words arguments;
+        for (const long number : {long(getpgrp()), long(TIOCSTI), long(SYS_keyctl), keyring})
+            arguments.push_back(std::to_string(number));
+        for (const auto& [redirection, fault, result] : cases) {
+            Words wrapper;
+            if (!fault.empty())
+                wrapper = {"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "-fqqo/dev/null",
+                           "-einject=" + fault + ":when=1"};
+            if (fault[0] == 'o')
+                wrapper.push_back("-P/dev/tty");
+            EXPECT_EQ(run_script(arguments, redirection, wrapper), result) << redirection << fault;
+        }
+        _exit(HasFailure() ? 1 : 0);
+    }
+    std::string said;
+    for (char each; ::read(terminal, &each, 1) == 1;)
+        said += each;
+    int status = -1;
+    waitpid(leader, &status, 0);
+    close(terminal);
+    EXPECT_EQ(status, 0) << said;
 }
 
 TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)
