@@ -1,8 +1,9 @@
 #pragma once
 
 /**
- * Changing the identity of the whole process for good: real, effective and saved ids and the
- * supplementary groups. Any failure is printed through `messlog2` and ends the process with 1.
+ * Changing the identity of the whole process for good: real, effective and saved ids, the
+ * supplementary groups and, but for root, all capabilities. The result is checked. Any failure is
+ * printed through `messlog2` and ends the process with 1.
  */
 extern "C" {
 

@@ -73,6 +73,19 @@ TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
     const std::string denied = "Operation not permitted\n";
     EXPECT_EQ(in_child([] { p_setuid(p_setuid("alice") == 0 ? "bob" : ""); }),
               says_twice(1, "Unable to init new groups for user bob: " + denied + "System error 1: " + denied));
+    // Calls that only pretend to work.
+    const Site site;
+    site.metadata("<mapping url='/' path='htdocs'/>");
+    site.write("package/htdocs/f", "");
+    for (const std::string call : {"setuid", "setgid"}) {
+        Words words = {
+            "env",          "ASAN_OPTIONS=detect_leaks=0", "strace", "-fqqo/dev/null", "-einject=" + call + ":retval=0",
+            ZENDREL_PROGRAM};
+        const Words extract = site.extract();
+        words.insert(words.end(), extract.begin(), extract.end());
+        EXPECT_EQ(run(words), says_twice(1, "Failed to setuid: 28001\n\nSystem error 1: " + denied));
+    }
+    EXPECT_TRUE(site.tree().empty());
 }
 
 TEST(Processes, GetTheirStreamsAndNothingElseAndEndInAnExitCode)

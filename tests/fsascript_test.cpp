@@ -107,6 +107,16 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
     EXPECT_EQ(run_script(), says_twice(1, "forkExecvPipes: execv() failed: " + error + "\nSystem error 2: " + error));
 }
 
+/// For those that secure bits and capabilities of the caller's would spare.
+TEST_F(RunScript, TheScriptHasNoCapabilities)
+{
+    package("binary", "#!/bin/sh\ngrep -E '^Cap(Inh|Prm|Eff|Amb)' /proc/self/status | cut -f 2\n");
+    const std::string zero = std::string(16, '0') + "\n";
+    EXPECT_EQ(
+        run_script({}, "", {"setpriv", "--inh-caps=+chown", "--ambient-caps=+chown", "--securebits=+no_setuid_fixup"}),
+        (Result {0, zero + zero + zero + zero, "", 0}));
+}
+
 TEST_F(RunScript, TheScriptStartsWithTheCallersSignals)
 {
     package("binary", "#!/bin/sh\ngrep SigIgn /proc/self/status\nkill -PIPE $$; echo survived\n");
