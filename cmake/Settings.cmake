@@ -1,4 +1,6 @@
 # Compiler settings that every target shares, carried by one interface target.
+include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
 include(CheckPIESupported)
 check_pie_supported()
 
@@ -20,8 +22,21 @@ if(ZENDREL_SANITIZE)
     target_link_options(zendrel_settings INTERFACE -fsanitize=address,undefined)
 else()
     # The program runs as root on machines full of other people's sites.
-    target_compile_options(zendrel_settings INTERFACE -fstack-protector-strong)
-    target_compile_definitions(zendrel_settings INTERFACE
-        $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+    check_cxx_compiler_flag(-fstack-clash-protection ZENDREL_HAS_STACK_CLASH_PROTECTION)
+    check_cxx_compiler_flag(-fcf-protection ZENDREL_HAS_CF_PROTECTION)  # not on every architecture
+    target_compile_options(zendrel_settings INTERFACE -fstack-protector-strong
+        $<$<BOOL:${ZENDREL_HAS_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>
+        $<$<BOOL:${ZENDREL_HAS_CF_PROTECTION}>:-fcf-protection>)
+    target_compile_definitions(zendrel_settings INTERFACE _GLIBCXX_ASSERTIONS)
+
+    # Both compiler and C library have to know level 3; its headers tell what came of it. Some
+    # compilers set a level of their own, which must not be redefined.
+    set(CMAKE_REQUIRED_FLAGS "-O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
+    check_cxx_source_compiles("#include <cstdlib>
+        static_assert(__USE_FORTIFY_LEVEL >= 3); int main() {}" ZENDREL_HAS_FORTIFY_3)
+    unset(CMAKE_REQUIRED_FLAGS)
+    set(level $<IF:$<BOOL:${ZENDREL_HAS_FORTIFY_3}>,3,2>)
+    target_compile_options(zendrel_settings INTERFACE
+        "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=${level}>")
     target_link_options(zendrel_settings INTERFACE -Wl,-z,relro,-z,now)
 endif()
