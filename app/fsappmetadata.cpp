@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 namespace tarvik {
@@ -319,6 +320,21 @@ std::string remove_starting_slashes(std::string text)
 {
     text.erase(0, text.find_first_not_of('/'));
     return text;
+}
+
+void require_inner_url(const std::string& url)
+{
+    int depth = 0;
+    std::istringstream elements(url);
+    for (std::string element; std::getline(elements, element, '/');) {
+        if (element == "..")
+            --depth;
+        else if (!element.empty() && element != ".")
+            ++depth;
+        if (depth < 0)  // even if the rest leads back: what it leads through is not the package's
+            throw FSAXMLException("Invalid package metadata file format: <s:mapping> url leads out "
+                                  "of the application.");
+    }
 }
 
 }  // namespace tarvik

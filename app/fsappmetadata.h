@@ -93,4 +93,12 @@ std::string remove_trailing_slashes(std::string text);
 /// @return `text` without any "/" at its start.
 std::string remove_starting_slashes(std::string text);
 
+/**
+ * For whoever turns a mapping's URL into a path on the disk: the reader takes any URL.
+ * @param url  of a mapping. ".." may lead back over elements before it, "." and empty ones are
+ *             neutral; links are not looked at.
+ * @throws FSAXMLException when some start of the URL lies outside of the application.
+ */
+void require_inner_url(const std::string& url);
+
 }  // namespace tarvik

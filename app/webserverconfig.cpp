@@ -127,12 +127,19 @@ struct ConfigSource {
     std::string suffix;  ///< of the document root: "" or "/" and the application's directory
 };
 
-/// @return the lines for one mapping; empty when it asks for nothing.
+/// Where a mapping lies below the document root and in the site's URLs.
+std::string site_path(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
+{
+    require_inner_url(mapping.url);
+    return source.suffix + mapping.url;
+}
+
+/// @return the lines for one mapping; empty when it asks for nothing, which may stand anywhere.
 std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
 {
-    const std::string path = source.suffix + mapping.url;
     if (!mapping.redirect.empty()) {
         // Within the site's URLs, so without the document root.
+        const std::string path = site_path(mapping, source);
         return "RedirectPermanent " + (path == "/" ? path : remove_trailing_slashes(path)) + " "
             + mapping.redirect + "\n\n";
     }
@@ -140,7 +147,8 @@ std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSourc
         + (source.cgi ? cgi_text(mapping) : std::string());
     if (body.empty())
         return body;
-    return "<Directory " + source.wwwRoot + path + " >\n\n" + body + "\n</Directory>\n\n";
+    return "<Directory " + source.wwwRoot + site_path(mapping, source) + " >\n\n" + body
+        + "\n</Directory>\n\n";
 }
 
 /// On a full disk the old file is better than half of a new one.

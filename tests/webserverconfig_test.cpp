@@ -97,4 +97,21 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     EXPECT_EQ(zendrel(changed(remove, {"--config-file-name=."})).status, 1);
 }
 
+TEST_F(WebserverConfig, StaysWithinTheApplication)
+{
+    const std::string redirect = "<mapping virtual='redirect' href='/b' url='";
+    const std::string old = "0||" + kFile + "RedirectPermanent /x/../a/./..b/.. /b\n\n" + kNoMore;
+    EXPECT_EQ(install(redirect + "x/../a/./..b/..'/>"), old);
+    const std::string refused = "255||XML occured during processing the package file " + site_.package("APP-META.xml")
+        + ": Invalid package metadata file format: <s:mapping> url leads out of the application.\n" + old.substr(3);
+    for (const char* url : {"..", "/../a", "a/../../a/b", "a/.//../.."})
+        EXPECT_EQ(install(redirect + url + "'/>"), refused) << url;
+    const std::string off = "<cgi:handler><cgi:disabled/></cgi:handler>";
+    EXPECT_EQ(install("<mapping url='a/b'><mapping url='../../..'>" + off + "</mapping></mapping>"), refused);
+    // One that says nothing is not in the file.
+    EXPECT_EQ(
+        install("<mapping url='a/b'><mapping url='../c'>" + off + "<mapping url='../../..'/></mapping></mapping>"),
+        "0||" + kFile + "<Directory /docs/a/b/../c >\n\n" + kCgiOff + kEnd);
+}
+
 }  // namespace
