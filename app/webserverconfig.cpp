@@ -49,15 +49,39 @@ constexpr char kCgiAll[] = "<IfModule mod_cgi.c>\n"
                            "  </Files>\n"
                            "</IfModule>\n";
 
+/**
+ * Everything that comes from outside passes here on its way into the file. A line end in it would
+ * begin a directive, which root's server obeys; for "${NAME}" that server puts in what it finds in
+ * its environment. Pieces of a line meet at a blank, a "." or a "/": between two of them no
+ * variable begins.
+ * @param holder  what has the value, and `place` where, for the message.
+ * @return `value`.
+ */
+const std::string& plain(const std::string& value, const std::string& holder,
+                         const std::string& place = "")
+{
+    const bool controls = std::any_of(
+        value.begin(), value.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
+    if (controls || value.find("${") != std::string::npos)
+        throw FSAXMLException(holder + " has a " + (controls ? "control character" : "variable")
+                              + place + ".");
+    return value;
+}
+
+constexpr char kMapping[] = "Invalid package metadata file format: <s:mapping>";
+constexpr char kPhpExtension[] = "Invalid package metadata file format: <php:extension>";
+constexpr char kCgiExtension[] = "Invalid package metadata file format: <cgi:extension>";
+
 using Extensions = std::list<std::string>;
 
 /// ".a .b ", each followed by a blank, those that equal `except` left out.
-std::string extension_list(const Extensions& extensions, const char* except = "")
+std::string extension_list(const Extensions& extensions, const char* holder,
+                           const char* except = "")
 {
     std::string text;
     for (const std::string& extension : extensions) {
         if (*except == '\0' || extension != except)
-            text += "." + extension + " ";
+            text += "." + plain(extension, holder) + " ";
     }
     return text;
 }
@@ -88,7 +112,7 @@ std::string cgi_by_extension(const Extensions& extensions)
                        "  <Files ~ (\\.pl$)>\n"
                        "    SetHandler None\n"
                        "  </Files>\n";
-    const std::string programs = extension_list(extensions, kPhp);
+    const std::string programs = extension_list(extensions, kCgiExtension, kPhp);
     if (!programs.empty())
         text += "  AddHandler cgi-script " + programs + "\n";
     if (std::find(extensions.begin(), extensions.end(), kPhp) != extensions.end())
@@ -102,7 +126,8 @@ std::string php_text(const FSAMetaDataWebContent& mapping)
     for (const auto& handler : mapping.phpHandlers) {
         if (handler.disabled)
             text += kPhpOff;
-        else if (const std::string list = extension_list(handler.extensions); !list.empty())
+        else if (const std::string list = extension_list(handler.extensions, kPhpExtension);
+                 !list.empty())
             text += php_on(list);
     }
     return text;
@@ -131,24 +156,25 @@ struct ConfigSource {
 std::string site_path(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
 {
     require_inner_url(mapping.url);
-    return source.suffix + mapping.url;
+    return plain(source.suffix, "--application-subdirectory")
+        + plain(mapping.url, kMapping, " in its url");
 }
 
-/// @return the lines for one mapping; empty when it asks for nothing, which may stand anywhere.
+/// @return the lines for one mapping; empty when it asks for nothing and so is not checked.
 std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
 {
     if (!mapping.redirect.empty()) {
         // Within the site's URLs, so without the document root.
         const std::string path = site_path(mapping, source);
         return "RedirectPermanent " + (path == "/" ? path : remove_trailing_slashes(path)) + " "
-            + mapping.redirect + "\n\n";
+            + plain(mapping.redirect, kMapping, " in its href") + "\n\n";
     }
     std::string body = (source.php ? php_text(mapping) : std::string())
         + (source.cgi ? cgi_text(mapping) : std::string());
     if (body.empty())
         return body;
-    return "<Directory " + source.wwwRoot + site_path(mapping, source) + " >\n\n" + body
-        + "\n</Directory>\n\n";
+    return "<Directory " + plain(source.wwwRoot, "--www-root") + site_path(mapping, source)
+        + " >\n\n" + body + "\n</Directory>\n\n";
 }
 
 /// On a full disk the old file is better than half of a new one.

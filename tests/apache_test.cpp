@@ -104,10 +104,14 @@ TEST_F(Apache, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
     for (const char* path : {"/", "/cgi-bin/guestbook.pl", "/docs/index.html", "/home"})
         EXPECT_EQ(get(path).substr(0, 4), "404 ") << path;
     EXPECT_NE(server("-t -Dplain"), 0);
-    // A blank in a redirection's target makes one word too many, and the server does not start.
-    site_.metadata("<mapping url='old' virtual='redirect' href='/a b'/>");
-    site_.shell(kInstall);
-    EXPECT_NE(server("-t -Dalias"), 0);
+    // The server does not start with a blank in a redirection's target, one word too many, nor where two backslashes
+    // and an open quote draw the beginning of a section into it: the section's end stays.
+    const std::string section = "<mapping url='x'><cgi:handler><cgi:disabled/></cgi:handler></mapping>";
+    for (const std::string target : {"/a b", "\"/b\\\\"}) {
+        site_.metadata(section + "<mapping url='old' virtual='redirect' href='" + target + "'/>");
+        site_.shell(kInstall);
+        EXPECT_NE(server("-t -Dalias"), 0) << target;
+    }
 }
 
 }  // namespace

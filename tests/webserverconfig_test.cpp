@@ -114,4 +114,43 @@ TEST_F(WebserverConfig, StaysWithinTheApplication)
         "0||" + kFile + "<Directory /docs/a/b/../c >\n\n" + kCgiOff + kEnd);
 }
 
+TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
+{
+    const std::string old = kFile + "RedirectPermanent /a\xC2\x85~ /b $c\\ {d}\n\n" + kNoMore;
+    const std::string redirect = "<mapping url='a&#x85;~' virtual='redirect' href='/b $c\\ {d}'/>";
+    const Words line_end = {"--www-root=a\nb"};
+    EXPECT_EQ(install(redirect, line_end), "0||" + old);  // not in the file
+
+    const std::string odd = "<mapping url='&#127;'><cgi:handler/></mapping>";
+    const std::string php_line_end = "<mapping url='/'><php:handler><php:extension>\n</php:extension></php:handler>"
+                                     "<cgi:handler><cgi:disabled/></cgi:handler></mapping>";
+    const std::string cgi_variable =
+        "<mapping url='/'><cgi:handler><cgi:extension>${A}</cgi:extension></cgi:handler></mapping>";
+    const struct {
+        std::string mappings, error;
+        Words changes = {};
+    } cases[] = {
+        {"<mapping url='/' virtual='redirect' href='&#10;CustomLog \"|id\" x'/>",
+         "<s:mapping> has a control character in its href."},
+        {"<mapping url='/' virtual='redirect' href='/${HOME}'/>", "<s:mapping> has a variable in its href."},
+        {"<mapping url='${HOME}' virtual='redirect' href='/'/>", "<s:mapping> has a variable in its url."},
+        {odd, "<s:mapping> has a control character in its url."},
+        {php_line_end, "<php:extension> has a control character."},
+        {cgi_variable, "<cgi:extension> has a variable."},
+        {kBothOff, "--www-root has a control character.", line_end},
+        {kBothOff, "--www-root has a variable.", {"--www-root=${A}"}},
+        {redirect, "--application-subdirectory has a control character.", {"--application-subdirectory=\x1F"}},
+        {kBothOff, "--application-subdirectory has a variable.", {"--application-subdirectory=${A}"}},
+    };
+    const std::string report =
+        "255||XML occured during processing the package file " + site_.package("APP-META.xml") + ": ";
+    for (const auto& c : cases)
+        EXPECT_EQ(install(c.mappings, c.changes),
+                  report + (c.error[0] == '<' ? "Invalid package metadata file format: " : "") + c.error + "\n" + old);
+
+    // What is left out need not fit.
+    EXPECT_EQ(install(php_line_end, {"--disable-php-support=1"}), kSection + kCgiOff + kEnd);
+    EXPECT_EQ(install(odd + cgi_variable, {"--disable-cgi-support=1"}), "0||" + kNoMore);
+}
+
 }  // namespace
