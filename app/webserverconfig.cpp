@@ -232,12 +232,33 @@ int install_config(const std::string& metadataFile, const std::string& configFil
     return 0;
 }
 
-/// The file of an application in the configuration of the host that a directory belongs to.
+/// By the texts alone: only root can have put links below a host's configuration directory.
+bool lies_below(const fs::path& path, const fs::path& directory)
+{
+    const fs::path way = path.lexically_normal().lexically_relative(directory.lexically_normal());
+    return !way.empty() && way != "." && *way.begin() != "..";
+}
+
+/**
+ * @return the file of an application in the configuration of the host that a directory belongs to.
+ * @throws filesystem_error when it would be anywhere else.
+ */
 std::string config_path(const std::string& vhostPath, const std::string& fileName)
 {
     const std::string name = fs::path(remove_trailing_slashes(vhostPath)).filename().native();
     const layout::VirtualHost host(name, oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D));
-    return host.conf() + "/siteapp.d/" + fileName;
+    std::string path = host.conf() + "/siteapp.d/" + fileName;
+    if (name == "." || name == ".." || !lies_below(path, host.conf()))
+        throw fs::filesystem_error("configuration file", path,
+                                   make_error_code(boost::system::errc::invalid_argument));
+    return path;
+}
+
+int report_failure(const fs::filesystem_error& e)
+{
+    std::cerr << "Filesystem exception during config creation: " << e.what() << " error code: ("
+              << e.code() << ")\n";
+    return -1;
 }
 
 }  // namespace
@@ -250,9 +271,7 @@ try {
                                  appSubdir == "." ? "" : "/" + appSubdir};
     return install_config(metadataFile, configFile, source);
 } catch (const fs::filesystem_error& e) {
-    std::cerr << "Filesystem exception during config creation: " << e.what() << " error code: ("
-              << e.code() << ")\n";
-    return -1;
+    return report_failure(e);
 } catch (const FSAXMLException& e) {
     std::cerr << "XML occured during processing the package file " << metadataFile << ": "
               << e.what() << '\n';
@@ -284,10 +303,12 @@ int installWebserverConfig(int argc, char** argv)
     options::parse(argc, argv, description);
 
     umask(umask(0) | S_IWGRP | S_IWOTH);  // root's Apache reads whatever lies in the directory
-    std::string configFile = config_path(vhostPath, fileName);
     try {
+        std::string configFile = config_path(vhostPath, fileName);
         return veska_install_apache_conf(metadataFile, disablePhp, disableCgi, configFile,
                                          appSubdir, wwwRoot);
+    } catch (const fs::filesystem_error& e) {
+        return report_failure(e);  // of the path
     } catch (...) {
         std::terminate();  // with the temporary file already gone
     }

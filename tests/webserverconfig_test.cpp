@@ -153,4 +153,35 @@ TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
     EXPECT_EQ(install(odd + cgi_variable, {"--disable-cgi-support=1"}), "0||" + kNoMore);
 }
 
+TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
+{
+    site_.shell(
+        "mkdir conf system/conf system/conf/siteapp.d; touch up.conf system/up.conf system/conf/siteapp.d/app.conf");
+    const std::string before = site_.listing("system");
+    const struct {
+        std::string host, file;
+    } refused[] = {{"/vhost", "../../up.conf"},         {"/vhost", "../../../up.conf"},
+                   {"/vhost", "x/../../../../up.conf"}, {"/vhost", ".."},
+                   {"/vhost", "../../conf/."},          {"/vhost", "../../conf2/up.conf"},
+                   {"/vhost/..", "app.conf"},           {"/vhost/.//", "app.conf"}};
+    for (const auto& [host, file] : refused) {
+        const Words words = {"--vhost-path=" + host, "--config-file-name=" + file};
+        const std::string error = "255||Filesystem exception during config creation: configuration file: Invalid ";
+        EXPECT_EQ(install(kBothOff, words).substr(0, error.size()), error) << file;
+        EXPECT_EQ(zendrel({"--remove-apache-conf", words[0], words[1], "--www-root="}).status, 1) << file;
+    }
+    EXPECT_EQ(site_.listing("system"), before);
+
+    site_.shell("mkdir -p system/vhost/conf/siteapp.d/sub");
+    for (const char* file : {"../up.conf", "sub/app.conf", "/abs.conf", "../../conf/x", "..x", "sub/../../y"}) {
+        const std::string name = std::string("--config-file-name=") + file;
+        EXPECT_EQ(install(kBothOff, {name}).substr(0, 4), "0||\n") << file;
+        EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=vhost", name, "--www-root="}), says(0, "")) << file;
+    }
+    // No name is a name.
+    EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=/", "--config-file-name=app.conf", "--www-root="}),
+              says(0, ""));
+    EXPECT_TRUE(site_.tree("system/conf/siteapp.d").empty());
+}
+
 }  // namespace
