@@ -177,14 +177,19 @@ std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSourc
         + " >\n\n" + body + "\n</Directory>\n\n";
 }
 
+[[noreturn]] void throw_failed(const char* step, const TmpFile& file, int error)
+{
+    throw fs::filesystem_error(step, file.name(),
+                               {error == 0 ? EIO : error, boost::system::system_category()});
+}
+
 /// On a full disk the old file is better than half of a new one.
 void write_or_throw(TmpFile& file, const std::string& text)
 {
     errno = 0;
     file << text << std::flush;
     if (!file)
-        throw fs::filesystem_error("write", file.name(),
-                                   {errno == 0 ? EIO : errno, boost::system::system_category()});
+        throw_failed("write", file, errno);
 }
 
 /// @return whether anything but the header was written.
@@ -226,6 +231,8 @@ int install_config(const std::string& metadataFile, const std::string& configFil
     }
     TmpFile file(configFile + ".new", true);
     const bool written = write_config(file, FSAMetaDataReader(metadataFile), source);
+    if (!file.close())
+        throw_failed("close", file, errno);
     remove_if_there(configFile);
     if (written)
         fs::rename(file.name(), configFile);

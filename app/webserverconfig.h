@@ -5,14 +5,17 @@
 namespace tarvik {
 
 /// Command handlers: parse the options that follow the command word, return the exit status.
-/// They throw the option library's errors.
+/// They throw the option library's errors. A file that would not lie below the host's configuration
+/// directory is an error: reported by the first, a filesystem_error of the second.
 int installWebserverConfig(int argc, char** argv);
 int removeWebserverConfig(int argc, char** argv);
 
 /**
  * Writes the Apache file of one application: PHP and CGI handling of its mappings and its
- * redirects. With nothing to write, there is no file afterwards. The new file replaces the old one
- * in two steps, so for a moment there is none; it is readable by its owner only.
+ * redirects. With nothing to write, there is no file afterwards. The new file, complete and closed,
+ * replaces the old one in two steps, so for a moment there is none; it is readable by its owner
+ * only. A value that would not stay within its line, and a URL that leads out of the application,
+ * are errors in the metadata.
  * @param disablePhp, disableCgi  not 0: leave that handling out; both: just remove the file.
  * @param configFile  the file; its directory is created, one level.
  * @param appSubdir   the application's directory in the document root, "." for the root itself.

@@ -1,11 +1,34 @@
 #pragma once
 
-#include <ext/stdio_filebuf.h>
+#include "common/misc.h"
 
+#include <array>
 #include <ostream>
+#include <streambuf>
 #include <string>
 
 namespace tarvik {
+
+/// A buffered output stream buffer over a descriptor of its own.
+class DescriptorBuffer : public std::streambuf {
+public:
+    explicit DescriptorBuffer(TDescriptor file) noexcept;
+    ~DescriptorBuffer() override { static_cast<void>(write_out()); }
+
+    /// Writes what is left and has the system say whether all of it has arrived; the descriptor
+    /// stays open. @return false with `errno` when what was written may be lost.
+    bool close();
+
+protected:
+    int_type overflow(int_type next) override;
+    int sync() override { return write_out() ? 0 : -1; }
+
+private:
+    bool write_out() noexcept;
+
+    TDescriptor file_;
+    std::array<char, 8192> buffer_;
+};
 
 /// A new, uniquely named file with a buffered output stream buffer over its descriptor.
 class TmpFileBase {
@@ -13,7 +36,7 @@ protected:
     explicit TmpFileBase(const std::string& prefix);
 
     std::string name_;
-    __gnu_cxx::stdio_filebuf<char> buffer_;
+    DescriptorBuffer buffer_;  ///< last: once there is a file, nothing can fail
 };
 
 /**
@@ -37,6 +60,10 @@ public:
 
     /// The file's full name.
     const std::string& name() const noexcept { return name_; }
+
+    /// The last step before the file takes its place: as a checked close.
+    /// @return false with `errno` when what was written may be lost.
+    bool close() { return buffer_.close(); }
 
 private:
     bool autoclean_;

@@ -158,12 +158,10 @@ TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
     site_.shell(
         "mkdir conf system/conf system/conf/siteapp.d; touch up.conf system/up.conf system/conf/siteapp.d/app.conf");
     const std::string before = site_.listing("system");
-    const struct {
-        std::string host, file;
-    } refused[] = {{"/vhost", "../../up.conf"},         {"/vhost", "../../../up.conf"},
-                   {"/vhost", "x/../../../../up.conf"}, {"/vhost", ".."},
-                   {"/vhost", "../../conf/."},          {"/vhost", "../../conf2/up.conf"},
-                   {"/vhost/..", "app.conf"},           {"/vhost/.//", "app.conf"}};
+    const std::pair<std::string, std::string> refused[] = {
+        {"/vhost", "../../up.conf"}, {"/vhost", "x/../../../../up.conf"}, {"/vhost", ".."},
+        {"/vhost", "../../conf/."},  {"/vhost", "../../conf2/up.conf"},   {"/vhost/..", "app.conf"},
+        {"/vhost/.//", "app.conf"}};
     for (const auto& [host, file] : refused) {
         const Words words = {"--vhost-path=" + host, "--config-file-name=" + file};
         const std::string error = "255||Filesystem exception during config creation: configuration file: Invalid ";
@@ -182,6 +180,22 @@ TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
     EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=/", "--config-file-name=app.conf", "--www-root="}),
               says(0, ""));
     EXPECT_TRUE(site_.tree("system/conf/siteapp.d").empty());
+}
+
+TEST_F(WebserverConfig, KeepsTheOldFileUnlessTheNewOneIsClosed)
+{
+    const std::string old = install("<mapping url='/' virtual='redirect' href='/b'/>");
+    site_.metadata(kBothOff);
+    site_.shell("export ASAN_OPTIONS=detect_leaks=0\n"  // it cannot run under a tracer
+                "run() { strace -o trace -e \"$1\" " ZENDREL_PROGRAM " --install-apache-conf --vhost-path=vhost "
+                "--www-root=/docs --metadata-file=package/APP-META.xml --application-subdirectory=. "
+                "--config-file-name=$2; }\nrun trace=close,fcntl other.conf\n"
+                "n=$(awk '/F_DUPFD/ { print n + 1 } /^close/ { ++n }' trace)\n"
+                "run inject=close:error=EIO:when=$n app.conf 2>err || echo $? >status\n"
+                "rm system/vhost/conf/siteapp.d/other.conf");
+    const std::string error = "Filesystem exception during config creation: close: Input/output error: \"";
+    EXPECT_EQ(read(site_.path("err")).substr(0, error.size()), error);
+    EXPECT_EQ(read(site_.path("status")) + site_.listing("system/vhost/conf"), "255\n" + old.substr(3));
 }
 
 }  // namespace
