@@ -217,6 +217,11 @@ void remove_if_there(const std::string& path)
         fs::remove(path);
 }
 
+std::string temporary_prefix(const std::string& configFile)
+{
+    return configFile + ".new";
+}
+
 int install_config(const std::string& metadataFile, const std::string& configFile,
                    const ConfigSource& source)
 {
@@ -225,11 +230,13 @@ int install_config(const std::string& metadataFile, const std::string& configFil
         std::cerr << "Unable to create directory: " << directory;
         return -1;
     }
+    const std::string temporary = temporary_prefix(configFile);
+    remove_stray_files(temporary);
     if (!source.php && !source.cgi) {
         remove_if_there(configFile);
         return 0;
     }
-    TmpFile file(configFile + ".new", true);
+    TmpFile file(temporary, true);
     const bool written = write_config(file, FSAMetaDataReader(metadataFile), source);
     if (!file.close())
         throw_failed("close", file, errno);
@@ -333,7 +340,9 @@ int removeWebserverConfig(int argc, char** argv)
     add("www-root", options::required(wwwRoot), "path to domain www-root");
     options::parse(argc, argv, description);
 
-    fs::remove(config_path(vhostPath, fileName));
+    const std::string configFile = config_path(vhostPath, fileName);
+    remove_stray_files(temporary_prefix(configFile));
+    fs::remove(configFile);
     return 0;
 }
 

@@ -14,8 +14,8 @@ int removeWebserverConfig(int argc, char** argv);
  * Writes the Apache file of one application: PHP and CGI handling of its mappings and its
  * redirects. With nothing to write, there is no file afterwards. The new file, complete and closed,
  * replaces the old one in two steps, so for a moment there is none; it is readable by its owner
- * only. A value that would not stay within its line, and a URL that leads out of the application,
- * are errors in the metadata.
+ * only. What killed runs have left beside it is removed. A value that would not stay within its
+ * line, and a URL that leads out of the application, are errors in the metadata.
  * @param disablePhp, disableCgi  not 0: leave that handling out; both: just remove the file.
  * @param configFile  the file; its directory is created, one level.
  * @param appSubdir   the application's directory in the document root, "." for the root itself.

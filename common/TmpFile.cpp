@@ -2,26 +2,69 @@
 
 #include "common/ExSystemError.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
+#include <string_view>
 #include <utility>
 
 namespace tarvik {
 
 namespace {
 
-/// @param name  in: a template ending in six X; out: the name of the file created.
+constexpr char kUnique[] = "XXXXXX";
+constexpr std::size_t kUniqueLength = sizeof kUnique - 1;
+
+/**
+ * Creates and locks a file. Until it has its lock, somebody else may take it for a stray one.
+ * @param name  in: a template ending in six X; out: the name of the file created.
+ */
 TDescriptor create_unique(std::string& name)
 {
-    TDescriptor file(::mkostemp(name.data(), O_CLOEXEC));
-    if (!file)
-        throwSystemError("mkstemp() failed: ", errno);
-    return file;
+    for (;;) {
+        TDescriptor file(::mkostemp(name.data(), O_CLOEXEC));
+        if (!file)
+            throwSystemError("mkstemp() failed: ", errno);
+        // Where there are no locks, nobody gets one to remove the file.
+        static_cast<void>(retried([&file] { return ::flock(file.get(), LOCK_EX); }));
+        struct stat status = {};
+        if (::fstat(file.get(), &status) != 0 || status.st_nlink != 0)
+            return file;
+        name.replace(name.size() - kUniqueLength, kUniqueLength, kUnique);
+    }
+}
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
+};
+
+bool is_unique_name(std::string_view name, std::string_view stem)
+{
+    return name.size() == stem.size() + kUniqueLength && name.substr(0, stem.size()) == stem
+        && std::all_of(name.begin() + stem.size(), name.end(),
+                       [](unsigned char byte) { return std::isalnum(byte) != 0; });
+}
+
+void remove_if_stray(int directory, const char* name)
+{
+    const TDescriptor file(
+        ::openat(directory, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status = {};
+    if (!file || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0 || ::fstat(file.get(), &status) != 0)
+        return;
+    // Under the lock, so that who has just created the file finds out before using it.
+    if (S_ISREG(status.st_mode) && status.st_nlink != 0)
+        static_cast<void>(::unlinkat(directory, name, 0));
 }
 
 }  // namespace
@@ -48,7 +91,7 @@ bool DescriptorBuffer::write_out() noexcept
 
 bool DescriptorBuffer::close()
 {
-    // Closing any descriptor of a file reports what has been lost.
+    // Closing any descriptor of a file reports what has been lost; closing the last one unlocks it.
     if (!write_out())
         return false;
     TDescriptor copy(::fcntl(file_.get(), F_DUPFD_CLOEXEC, 0));
@@ -65,7 +108,7 @@ DescriptorBuffer::int_type DescriptorBuffer::overflow(int_type next)
 }
 
 TmpFileBase::TmpFileBase(const std::string& prefix)
-    : name_(prefix + "XXXXXX"), buffer_(create_unique(name_))
+    : name_(prefix + kUnique), buffer_(create_unique(name_))
 {
 }
 
@@ -78,6 +121,19 @@ TmpFile::~TmpFile()
 {
     if (autoclean_ && ::unlink(name_.c_str()) != 0 && errno != ENOENT)
         std::cerr << "TmpFile autoclean failed: " << std::strerror(errno) << '\n';
+}
+
+void remove_stray_files(const std::string& prefix)
+{
+    const std::size_t stem = prefix.rfind('/') + 1;  // npos + 1 is 0
+    const std::string path = stem == 0 ? "." : prefix.substr(0, stem);
+    const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
+    if (!directory)
+        return;
+    while (const dirent* const entry = ::readdir(directory.get())) {
+        if (is_unique_name(entry->d_name, std::string_view(prefix).substr(stem)))
+            remove_if_stray(::dirfd(directory.get()), entry->d_name);
+    }
 }
 
 }  // namespace tarvik

@@ -41,7 +41,8 @@ protected:
 
 /**
  * A temporary file that is an output stream. It is created beside its final destination, written,
- * and renamed into place by its owner.
+ * and renamed into place by its owner. As long as the object lives, the file has a lock (flock), so
+ * that it can be told from one that a killed process has left behind.
  */
 class TmpFile : private TmpFileBase, public std::ostream {
 public:
@@ -61,12 +62,20 @@ public:
     /// The file's full name.
     const std::string& name() const noexcept { return name_; }
 
-    /// The last step before the file takes its place: as a checked close.
+    /// The last step before the file takes its place: as a checked close, but the lock stays.
     /// @return false with `errno` when what was written may be lost.
     bool close() { return buffer_.close(); }
 
 private:
     bool autoclean_;
 };
+
+/**
+ * Removes what killed processes have left behind: regular files with the name of a `TmpFile` that
+ * no living one has locked. What cannot be removed stays, and nothing is said.
+ * @param prefix  as it was given to `TmpFile`. Whatever has six letters or digits after it must be
+ *                a temporary file.
+ */
+void remove_stray_files(const std::string& prefix);
 
 }  // namespace tarvik

@@ -1,3 +1,4 @@
+#include "common/TmpFile.h"
 #include "tests/support/Sandbox.h"
 
 #include <sys/stat.h>
@@ -180,6 +181,29 @@ TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
     EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=/", "--config-file-name=app.conf", "--www-root="}),
               says(0, ""));
     EXPECT_TRUE(site_.tree("system/conf/siteapp.d").empty());
+}
+
+TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
+{
+    const std::string directory = "system/vhost/conf/siteapp.d";
+    site_.shell("mkdir -p " + directory + "/app.conf.newFOLDER; cd " + directory
+                + "; touch app.conf.newABCDE app.conf.newABCDEFG app.conf.newABC.EF "
+                  "app.confXnewABCDEF other; ln -s other app.conf.newLINKED");
+    const Tree kept = site_.tree(directory);
+    const tarvik::TmpFile in_use(site_.path(directory + "/app.conf.new"), true);
+    const auto left = [&](const std::string& result) {
+        Tree tree = site_.tree(directory);
+        EXPECT_EQ(tree.erase(in_use.name().substr(site_.path(directory).size() + 1)), 1u) << result;
+        return tree;
+    };
+    for (const char* change : {"--metadata-file=none", "--disable-cgi-support=1", "--www-root="}) {
+        site_.write(directory + "/app.conf.newA0z9Zb", "text", 0600);
+        EXPECT_EQ(left(install("", {"--disable-php-support=1", change})), kept) << change;
+    }
+    site_.write(directory + "/app.conf.newA0z9Zb", "text", 0600);
+    EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=vhost", "--www-root=", "--config-file-name=app.conf"}),
+              says(0, ""));
+    EXPECT_EQ(left("removal"), kept);
 }
 
 TEST_F(WebserverConfig, KeepsTheOldFileUnlessTheNewOneIsClosed)
