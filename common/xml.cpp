@@ -22,13 +22,21 @@ namespace {
 // A tree node takes up to some 250 bytes with what hangs on it.
 constexpr std::size_t kMaxTreeNodes = 100'000;
 constexpr std::size_t kMaxTreeBytes = 16 * 1024 * 1024;
-// The parser's work on one tag grows with the square of its attributes, its work on any tag with
-// the namespaces in scope and the attribute defaults declared: all three are kept small.
+// Also of what leaves no node behind: entities repeat it without a byte being read.
+constexpr std::size_t kMaxTreeEvents = 500'000;
+constexpr std::size_t kMaxEntityText = 16 * 1024 * 1024;
+constexpr std::size_t kMaxParameterText = 256 * 1024;  // it may hold declarations
+// The parser's work on one tag grows with the square of its attributes, that on one declaration
+// with the square of the values it lists, that on any tag with the namespaces in scope and the
+// attribute defaults declared: all are kept small.
 constexpr std::size_t kMaxBytesBetweenEvents = 64 * 1024;
 constexpr int kMaxAttributes = 256;
+constexpr int kMaxListedValues = 1'000;
 constexpr std::size_t kMaxNamespacesInScope = 64;
 constexpr std::size_t kMaxDeclarations = 1'000;
 constexpr int kMaxTextDepth = 2'000;
+// From 10,000 on the library raises an alarm and skips blanks for ever in the state that it sets.
+constexpr unsigned long kMaxReferencesInDocumentType = 4'000;
 
 std::string_view view(const xmlChar* text)
 {
@@ -80,6 +88,19 @@ bool has_plain_encoding(std::string_view start)
     });
 }
 
+/// An entity that is replaced with one character and never changed.
+xmlEntity make_nothing()
+{
+    static xmlChar text[] = " ";
+    xmlEntity entity = {};
+    entity.type = XML_ENTITY_DECL;
+    entity.etype = XML_INTERNAL_PREDEFINED_ENTITY;
+    entity.name = entity.content = entity.orig = text;
+    entity.length = 1;
+    return entity;
+}
+xmlEntity nothing = make_nothing();
+
 /// One reading: feeds the parser, counts what the document costs, and ends it when it is too much.
 class Reading {
 public:
@@ -97,8 +118,7 @@ public:
 
     XmlEnd run()
     {
-        if (!refused_)
-            xmlParseDocument(context_.get());
+        xmlParseDocument(context_.get());
         if (failure_)
             std::rethrow_exception(failure_);
         if (stopped_)
@@ -108,30 +128,48 @@ public:
 
     XmlDoc take_tree() { return XmlDoc(std::exchange(context_->myDoc, nullptr)); }
 
-    static Reading& of(void* context)
+    /// @param context  where an event occurs: that of the document, or one of an entity's own.
+    static Reading& at(void* context)
     {
-        return *static_cast<Reading*>(static_cast<xmlParserCtxt*>(context)->_private);
+        auto* const parser = static_cast<xmlParserCtxt*>(context);
+        auto& reading = *static_cast<Reading*>(parser->_private);
+        reading.current_ = parser;
+        return reading;
     }
 
-    /// Every event comes through here. @return false when the document has become too expensive.
+    /// Every event comes through here. @return false when nothing more is to be done.
     bool event(std::size_t nodes = 0, std::size_t declarations = 0)
     {
         bytesSinceEvent_ = 0;
-        nodes_ += visitor_ == nullptr ? nodes : 0;  // a visitor's nodes are not kept
+        nodes_ += nodes;
         declarations_ += declarations;
-        if (nodes_ > kMaxTreeNodes || declarations_ > kMaxDeclarations)
-            refuse();
-        return !refused_;
+        return spend_event(nodes_ <= kMaxTreeNodes && declarations_ <= kMaxDeclarations);
+    }
+
+    /**
+     * @param entity  what a reference names; null when it was not declared.
+     * @return what it is to be replaced with: of a document that is given up, nothing to speak of.
+     */
+    xmlEntity* reference(xmlEntity* entity) { return affords(entity) ? entity : &nothing; }
+
+    xmlEntity* parameter_reference(xmlEntity* entity)
+    {
+        parameterText_ += entity == nullptr ? 0 : view(entity->content).size();
+        refused_ = refused_ || parameterText_ > kMaxParameterText;
+        return affords(entity) ? entity : nullptr;
     }
 
     bool start_tag(int namespaces, int attributes)
-    {
+    try {
         scopes_.push_back(static_cast<std::size_t>(namespaces));
         namespacesInScope_ += scopes_.back();
-        if (namespacesInScope_ > kMaxNamespacesInScope || attributes > kMaxAttributes)
-            refuse();
+        refused_ =
+            refused_ || namespacesInScope_ > kMaxNamespacesInScope || attributes > kMaxAttributes;
         // An attribute is a node and holds one.
         return event(1 + scopes_.back() + 2 * static_cast<std::size_t>(attributes));
+    } catch (...) {
+        fail();
+        return false;
     }
 
     bool end_tag()
@@ -141,24 +179,39 @@ public:
         return event();
     }
 
+    bool values(const xmlEnumeration* value)
+    {
+        int count = 0;
+        for (; value != nullptr; value = value->next)
+            ++count;
+        refused_ = refused_ || count > kMaxListedValues;
+        return event(1, 1);
+    }
+
     /// Hands one event to the visitor. Nothing may unwind through the library.
     template <class Call>
     void visit(Call call)
     {
-        if (!event() || failure_)
+        if (!event())
             return;
         try {
             call(*visitor_);
         } catch (...) {
-            failure_ = std::current_exception();
-            xmlStopParser(context_.get());
+            fail();
         }
     }
 
     void stop()
     {
         stopped_ = true;
-        xmlStopParser(context_.get());
+        halt();
+    }
+
+    /// The library would go on without events after an error that makes a document malformed.
+    void refuse()
+    {
+        refused_ = true;
+        halt();
     }
 
 private:
@@ -175,6 +228,8 @@ private:
 
     int fill(char* buffer, std::size_t size)
     {
+        if (ended())
+            return -1;
         std::size_t count = 0;
         for (int more = 1; more > 0 && count < size; count += static_cast<std::size_t>(more)) {
             more = source_(buffer + count, static_cast<int>(size - count));
@@ -189,10 +244,51 @@ private:
         return refused_ ? -1 : static_cast<int>(count);
     }
 
-    void refuse()
+    bool affords(const xmlEntity* entity)
     {
-        refused_ = true;
-        xmlStopParser(context_.get());
+        entityText_ += entity == nullptr ? 0 : view(entity->content).size();
+        const bool alarming =
+            current_->inSubset != 0 && current_->nbentities > kMaxReferencesInDocumentType;
+        return spend_event(entityText_ <= kMaxEntityText && !alarming);
+    }
+
+    bool ended() const { return refused_ || stopped_ || failure_; }
+
+    void fail()
+    {
+        failure_ = std::current_exception();
+        halt();
+    }
+
+    /// What a visitor sees is not kept, so only the building of a tree has a limit.
+    bool spend_event(bool cheap)
+    {
+        refused_ = refused_ || (visitor_ == nullptr && (!cheap || ++events_ > kMaxTreeEvents));
+        if (ended())
+            halt();
+        return !ended();
+    }
+
+    /**
+     * Lets the document and the entity that is being read end where they are: what the library
+     * has of them and did not look at becomes NULs. Its own way to stop frees what functions up
+     * the stack still look at, and the state that it sets alone keeps some of them running.
+     */
+    void halt()
+    {
+        for (xmlParserCtxt* const parser : {current_, context_.get()}) {
+            parser->disableSAX = 1;
+            parser->wellFormed = 0;  // an entity fails those that refer to it
+            parser->nbentities = 0;
+            std::for_each(parser->inputTab, parser->inputTab + parser->inputNr, erase_rest);
+        }
+    }
+
+    static void erase_rest(xmlParserInput* input)
+    {
+        constexpr std::ptrdiff_t kShared = 5;  // a shorter entity may share its text with names
+        if (input->buf != nullptr || input->end - input->base >= kShared)
+            std::fill(const_cast<xmlChar*>(input->cur), const_cast<xmlChar*>(input->end), '\0');
     }
 
     XmlSource source_;
@@ -202,62 +298,81 @@ private:
     std::size_t bytesSinceEvent_ = 0;
     std::size_t nodes_ = 0;
     std::size_t declarations_ = 0;
+    std::size_t events_ = 0;
+    std::size_t entityText_ = 0;
+    std::size_t parameterText_ = 0;
     std::size_t namespacesInScope_ = 0;
     std::vector<std::size_t> scopes_;  ///< namespaces declared by each open element
     bool refused_ = false;
     bool stopped_ = false;
     std::exception_ptr failure_;
     ParserContext context_;
+    xmlParserCtxt* current_ = nullptr;  ///< where the last event occurred
 };
+
+/// For `sax.serror`: where it is set, no other handler hears of what is wrong with a document.
+void end_at_fatal_error(void*, xmlError* error)
+{
+    const auto* const parser = static_cast<xmlParserCtxt*>(error->ctxt);
+    if (error->level == XML_ERR_FATAL && parser->_private != nullptr)
+        Reading::at(error->ctxt).refuse();
+}
 
 /// The library's tree builder, each step counted first.
 xmlSAXHandler tree_handler()
 {
     xmlSAXHandler sax = {};
     xmlSAXVersion(&sax, 2);
+    sax.serror = end_at_fatal_error;
+    sax.getEntity = [](void* context, const xmlChar* name) {
+        return Reading::at(context).reference(xmlSAX2GetEntity(context, name));
+    };
+    sax.getParameterEntity = [](void* context, const xmlChar* name) {
+        return Reading::at(context).parameter_reference(xmlSAX2GetParameterEntity(context, name));
+    };
     sax.startElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
                             const xmlChar* uri, int namespaceCount, const xmlChar** namespaces,
                             int attributeCount, int defaultedCount, const xmlChar** attributes) {
-        if (Reading::of(context).start_tag(namespaceCount, attributeCount))
+        if (Reading::at(context).start_tag(namespaceCount, attributeCount))
             xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces,
                                   attributeCount, defaultedCount, attributes);
     };
     sax.endElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
                           const xmlChar* uri) {
-        if (Reading::of(context).end_tag())
+        if (Reading::at(context).end_tag())
             xmlSAX2EndElementNs(context, name, prefix, uri);
     };
     sax.characters = [](void* context, const xmlChar* text, int length) {
-        if (Reading::of(context).event(1))
+        if (Reading::at(context).event(1))
             xmlSAX2Characters(context, text, length);
     };
     sax.ignorableWhitespace = sax.characters;
     sax.cdataBlock = [](void* context, const xmlChar* text, int length) {
-        if (Reading::of(context).event(1))
+        if (Reading::at(context).event(1))
             xmlSAX2CDataBlock(context, text, length);
     };
     sax.reference = [](void* context, const xmlChar* name) {
-        if (Reading::of(context).event(1))
+        if (Reading::at(context).event(1))
             xmlSAX2Reference(context, name);
     };
-    sax.comment = [](void* context, const xmlChar*) { Reading::of(context).event(); };
+    sax.comment = [](void* context, const xmlChar*) { Reading::at(context).event(); };
     sax.processingInstruction = [](void* context, const xmlChar*, const xmlChar*) {
-        Reading::of(context).event();
+        Reading::at(context).event();
     };
     sax.entityDecl = [](void* context, const xmlChar* name, int type, const xmlChar* publicId,
                         const xmlChar* systemId, xmlChar* content) {
-        if (Reading::of(context).event(1, 1))
+        if (Reading::at(context).event(1, 1))
             xmlSAX2EntityDecl(context, name, type, publicId, systemId, content);
     };
     sax.attributeDecl = [](void* context, const xmlChar* element, const xmlChar* name, int type,
                            int def, const xmlChar* value, xmlEnumeration* tree) {
-        if (Reading::of(context).event(1, 1))
+        if (Reading::at(context).values(tree))
             xmlSAX2AttributeDecl(context, element, name, type, def, value, tree);
         else
             xmlFreeEnumeration(tree);
     };
     sax.elementDecl = [](void* context, const xmlChar* name, int type, xmlElementContent* content) {
-        if (Reading::of(context).event(1, 1))
+        if (Reading::at(context).event(1, 1))
             xmlSAX2ElementDecl(context, name, type, content);
     };
     return sax;
@@ -268,8 +383,9 @@ xmlSAXHandler visitor_handler()
 {
     xmlSAXHandler sax = {};
     sax.initialized = XML_SAX2_MAGIC;
+    sax.serror = end_at_fatal_error;
     sax.internalSubset = [](void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
-        Reading& reading = Reading::of(context);
+        Reading& reading = Reading::at(context);
         reading.visit([&reading](XmlVisitor& visitor) {
             if (!visitor.document_type())
                 reading.stop();
@@ -278,7 +394,7 @@ xmlSAXHandler visitor_handler()
     sax.startElementNs = [](void* context, const xmlChar* name, const xmlChar* prefix,
                             const xmlChar* uri, int namespaceCount, const xmlChar**,
                             int attributeCount, int, const xmlChar** attributes) {
-        Reading& reading = Reading::of(context);
+        Reading& reading = Reading::at(context);
         if (!reading.start_tag(namespaceCount, attributeCount))
             return;
         reading.visit([&](XmlVisitor& visitor) {
@@ -291,22 +407,22 @@ xmlSAXHandler visitor_handler()
         });
     };
     sax.endElementNs = [](void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
-        Reading& reading = Reading::of(context);
+        Reading& reading = Reading::at(context);
         if (reading.end_tag())
             reading.visit([](XmlVisitor& visitor) { visitor.end_element(); });
     };
     sax.characters = [](void* context, const xmlChar* text, int length) {
-        Reading::of(context).visit([text, length](XmlVisitor& visitor) {
+        Reading::at(context).visit([text, length](XmlVisitor& visitor) {
             visitor.text({reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
         });
     };
     sax.ignorableWhitespace = sax.characters;
     sax.cdataBlock = sax.characters;
     sax.comment = [](void* context, const xmlChar*) {
-        Reading::of(context).visit([](XmlVisitor& visitor) { visitor.other_node(); });
+        Reading::at(context).visit([](XmlVisitor& visitor) { visitor.other_node(); });
     };
     sax.processingInstruction = [](void* context, const xmlChar*, const xmlChar*) {
-        Reading::of(context).visit([](XmlVisitor& visitor) { visitor.other_node(); });
+        Reading::at(context).visit([](XmlVisitor& visitor) { visitor.other_node(); });
     };
     return sax;
 }

@@ -33,6 +33,14 @@ std::string many(int count, const std::string& before, const std::string& after)
     return text;
 }
 
+std::string repeated(int count, const std::string& text)
+{
+    std::string result;
+    for (int i = 0; i < count; ++i)
+        result += text;
+    return result;
+}
+
 /// Why a text is refused, else its fields and, one a line, its mappings.
 std::string result_of(const std::string& text)
 try {
@@ -106,6 +114,10 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
     site.write("package/APP-META.xml", "");
     site.shell("mkfifo fifo");
     const std::string large(60'000, 'x');
+    std::string doubled;
+    for (int i = 1; i < 38; ++i)
+        doubled += boost::replace_all_copy("<!ENTITY % a" + std::to_string(i) + " '##'>", "#",
+                                           "&#37;a" + std::to_string(i - 1) + ";");
     const std::tuple<const char*, std::string, std::string> cases[] = {
         {"long-entity-named-often", "<!ENTITY a '" + large + "'>", "<m '" + many(8'000, "&a;", "") + "'/>"},
         {"many-attributes", "", "<x" + many(4'000, " a", "=''") + "/>"},
@@ -114,6 +126,18 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
         {"many-namespaces", "", "<x" + many(4'000, " xmlns:n", "='u'") + ">" + many(60'000, "<n0:x", "/>") + "</x>"},
         {"many-small-nodes", "", many(80'000, "<a/>", "")},
         {"long-URL-above-many", "", "<m '" + large + "'>" + many(10'000, "<m '", "'/>") + "</m>"},
+        {"many-references-to-no-node", "<!ENTITY a '" + repeated(12'000, "<?p?>") + "'>", repeated(60'000, "&a;")},
+        {"many-defaults-after-an-error",
+         many(900, "<!ATTLIST x xmlns:n", " CDATA 'u'>") + "<!ENTITY a '&#38;#0;" + repeated(14'000, "<x/>") + "'>",
+         "&a;"},
+        {"many-values",
+         "<!ENTITY % a '<!ATTLIST x a (" + many(9'000, "n", "|") + "n) #IMPLIED>'>" + repeated(900, "%a;"), ""},
+        {"hyphens-in-a-comment", "<!--" + std::string(100, '-') + "x", ""},
+        {"doubling-blanks", "<!ENTITY % a0 ''>" + doubled + "%a37;", ""},
+        {"long-entity-in-many",
+         "<!ENTITY a '" + std::string(900, 'x') + "'>" + repeated(7, "<!--" + large + "-->") + "<!ENTITY b '"
+             + repeated(5'000, "&a;") + "'>" + many(900, "<!ENTITY c", " '&b;'>"),
+         many(900, "<x a='&c", ";'/>")},
     };
     Words files = {"/none", "/etc", "/dev/zero", "http://127.0.0.1:9/x", site.path("fifo")};
     for (const auto& [name, declarations, content] : cases) {
