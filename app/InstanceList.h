@@ -21,7 +21,7 @@ InstanceFile instance_file(InstallSection section, const std::string& path);
  * Reads an instance file list of any length.
  * @param text  the XML document.
  * @return its files in the order of the list.
- * @throws std::runtime_error when it is malformed.
+ * @throws std::runtime_error when it is malformed, std::bad_alloc when memory runs out.
  */
 std::vector<InstanceFile> parse_instance_list(const std::string& text);
 

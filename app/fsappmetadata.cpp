@@ -132,13 +132,16 @@ std::string mapping_path(const xmlNode* mapping, const std::string& url,
 
 void register_namespace(xmlXPathContext* context, const std::string& prefix, const std::string& uri)
 {
-    if (xmlXPathRegisterNs(context, xml_chars(prefix), xml_chars(uri)) != 0)
+    const int status = xmlXPathRegisterNs(context, xml_chars(prefix), xml_chars(uri));
+    XmlSilence::require_memory();
+    if (status != 0)
         throw FSAXMLException("unable to register namespace " + uri + " with prefix " + prefix);
 }
 
 XPathObject execute_xpath_query(xmlXPathContext* context, const std::string& expression)
 {
     XPathObject result(xmlXPathEvalExpression(xml_chars(expression), context));
+    XmlSilence::require_memory();
     if (!result) {
         const xmlError& error = context->lastError;
         throw FSAXMLException("Unable to execute XPath expression " + expression + ": "
@@ -237,6 +240,7 @@ void FSAMetaDataReader::read(_xmlDoc& document)
 {
     xmlXPathOrderDocElems(&document);  // else sorting a large node set walks its siblings
     const XPathContext owned(xmlXPathNewContext(&document));
+    XmlSilence::require_memory();
     if (!owned)
         throw std::bad_alloc();
     xmlXPathContext* const context = owned.get();

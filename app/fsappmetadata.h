@@ -57,7 +57,7 @@ public:
      * @param fileName  a local file, whatever it is called; it may be hostile and is read with
      * little memory and time.
      * @throws FSAXMLException when the file cannot be read, is not well-formed, costs too much to
-     *         read or lacks a required element.
+     *         read or lacks a required element; std::bad_alloc when memory runs out.
      */
     explicit FSAMetaDataReader(const std::string& fileName);
 

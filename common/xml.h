@@ -37,7 +37,10 @@ private:
     std::size_t left_;
 };
 
-/// Keeps libxml2 quiet and off the network and the disk for as long as it lives.
+/**
+ * Keeps libxml2 quiet and off the network and the disk for as long as it lives, and notes when it
+ * runs out of memory: many of its functions then leave something out and say nothing.
+ */
 class XmlSilence {
 public:
     XmlSilence();
@@ -45,9 +48,17 @@ public:
     XmlSilence& operator=(const XmlSilence&) = delete;
     ~XmlSilence();
 
+    /**
+     * To be called before a result of libxml2 is relied on.
+     * @throws std::bad_alloc when an allocation has failed since the outermost object was made.
+     */
+    static void require_memory();
+
 private:
     void* errorContext_;
     void (*errorHandler_)();
+    void* printContext_;
+    void (*printer_)(void* context, const char* format, ...);
     void (*entityLoader_)();
 };
 
@@ -64,6 +75,7 @@ using XmlDoc = std::unique_ptr<_xmlDoc, FreeXmlDoc>;
  * Reads a document into a tree. Entity references stay references, so the tree is never larger
  * than the text; comments and processing instructions are left out.
  * @return the tree; null when the document is not well-formed, cannot be read or costs too much.
+ * @throws std::bad_alloc
  */
 XmlDoc read_xml_tree(XmlSource source);
 
@@ -109,7 +121,7 @@ public:
 /// How a reading ended.
 enum class XmlEnd { WellFormed, Malformed, Stopped };
 
-/// Reads a document of any length without building a tree.
+/// Reads a document of any length without building a tree. Throws also `std::bad_alloc`.
 XmlEnd visit_xml(XmlSource source, XmlVisitor& visitor);
 
 }  // namespace tarvik
