@@ -9,9 +9,12 @@
 #include <libxml/xpathInternals.h>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <new>
 #include <optional>
@@ -44,6 +47,9 @@ constexpr std::pair<const char*, const char*> kNamespaces[] = {
 
 // All texts of one file, with the entities in them and the prefixes that nested mappings repeat.
 constexpr std::size_t kTextBudget = 4 * 1024 * 1024;
+
+// Milliseconds that the writer of a pipe may take for its next byte.
+constexpr int kPipePatience = 10'000;
 
 struct FreeXPathObject {
     void operator()(xmlXPathObject* object) const noexcept { xmlXPathFreeObject(object); }
@@ -78,17 +84,46 @@ XmlBudget& budget_of(const xmlXPathContext* context)
     return *static_cast<XmlBudget*>(context->userData);
 }
 
+/**
+ * Opens a file for reading without waiting for it.
+ * @return none unless it is a regular file or a pipe: others are not even opened, since that alone
+ *         may set a device going.
+ */
+TDescriptor open_file_or_pipe(const std::string& fileName)
+{
+    const TDescriptor found(::open(fileName.c_str(), O_PATH | O_CLOEXEC));
+    struct stat status;
+    if (!found || ::fstat(found.get(), &status) != 0
+        || !(S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode)))
+        return TDescriptor();
+    // What was examined, whatever the name leads to by now.
+    const std::string examined = "/proc/self/fd/" + std::to_string(found.get());
+    return TDescriptor(::open(examined.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+/// @return the number of bytes read; 0 at the end, also of a pipe without a writer; -1 on error.
+int read_some(int file, char* buffer, int size)
+{
+    const auto length = static_cast<std::size_t>(size);
+    const auto read = [&] { return retried([&] { return ::read(file, buffer, length); }); };
+    ssize_t count = read();
+    while (count == -1 && errno == EAGAIN) {
+        pollfd pipe = {file, POLLIN, 0};
+        if (retried([&pipe] { return ::poll(&pipe, 1, kPipePatience); }) <= 0)
+            return -1;
+        count = read();
+    }
+    return static_cast<int>(count);
+}
+
 /// Reads the file as it is: no decompression, and no name means more than a path.
 XmlDoc load(const std::string& fileName)
 {
-    // A pipe without a writer ends at once instead of blocking the open.
-    const TDescriptor file(::open(fileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!file || ::fcntl(file.get(), F_SETFL, O_RDONLY) != 0)
+    const TDescriptor file = open_file_or_pipe(fileName);
+    if (!file)
         return nullptr;
-    return read_xml_tree([&file](char* buffer, int size) {
-        const auto length = static_cast<std::size_t>(size);
-        return static_cast<int>(retried([&] { return ::read(file.get(), buffer, length); }));
-    });
+    return read_xml_tree(
+        [&file](char* buffer, int size) { return read_some(file.get(), buffer, size); });
 }
 
 std::int32_t depth_of(const std::string& url)

@@ -55,7 +55,8 @@ class FSAMetaDataReader {
 public:
     /**
      * @param fileName  a local file, whatever it is called; it may be hostile and is read with
-     * little memory and time.
+     * little memory and time. A pipe may take 10 seconds for each next byte; a device or a socket
+     * is not opened.
      * @throws FSAXMLException when the file cannot be read, is not well-formed, costs too much to
      *         read or lacks a required element; std::bad_alloc when memory runs out.
      */

@@ -112,7 +112,8 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
 {
     const Site site;
     site.write("package/APP-META.xml", "");
-    site.shell("mkfifo fifo");
+    site.shell(
+        "mkfifo fifo\nperl -MSocket -e 'socket(S, PF_UNIX, SOCK_STREAM, 0); bind(S, sockaddr_un(\"socket\")) or die'");
     const std::string large(60'000, 'x');
     std::string doubled;
     for (int i = 1; i < 38; ++i)
@@ -139,7 +140,7 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
              + repeated(5'000, "&a;") + "'>" + many(900, "<!ENTITY c", " '&b;'>"),
          many(900, "<x a='&c", ";'/>")},
     };
-    Words files = {"/none", "/etc", "/dev/zero", "http://127.0.0.1:9/x", site.path("fifo")};
+    Words files = {"/none", "/etc", "/dev/zero", "http://127.0.0.1:9/x", site.path("fifo"), site.path("socket")};
     for (const auto& [name, declarations, content] : cases) {
         site.write(name, "<!DOCTYPE application [" + declarations + "]>" + package(kNamed + content));
         files.push_back(site.path(name));
@@ -151,6 +152,34 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
         EXPECT_LE(result.peakKilobytes, 64 * 1024) << file;
 #endif
     }
+}
+
+/// A pipe is read as its writer writes, with a limit for each pause; devices are not even opened.
+TEST(Metadata, ComesFromAFileOrAPatientlyReadPipe)
+{
+    const Site site;
+    site.metadata("");
+    site.write("package/htdocs/f", "");
+    site.shell("mkfifo fifo");
+    const std::string meta = site.path("package/APP-META.xml");
+    const auto with = [&site](const std::string& file) {
+        return ZENDREL_PROGRAM " " + boost::join(site.extract({"--metadata-file=" + file}), " ");
+    };
+    const std::string pausing = "<(sleep .1; head -c 99 " + meta + "; sleep .1; tail -c +100 " + meta + ")";
+    EXPECT_EQ(run({"bash", "-c", with(pausing)}), says(0, ""));
+
+    // The writer is silent until the program waits for it, then gone.
+    const std::string traced = "cd " + site.path() + "\nexport ASAN_OPTIONS=detect_leaks=0; trace=strace' -o trace'\n";
+    const std::string silent = "exec 9<>fifo; : >trace; $trace " + with("fifo")
+        + " 9>&- & for i in $(seq 300); do "
+          "grep -q poll trace && break; sleep .01; done; exec 9>&-; wait $!";
+    EXPECT_EQ(run({"sh", "-c", traced + silent}), says(1, kUnreadable + "fifo\n"));
+    EXPECT_NE(read(site.path("trace")).find("events=POLLIN}], 1, 10000)"), std::string::npos);
+
+    EXPECT_EQ(run({"sh", "-c", traced + "$trace " + with("/dev/zero")}), says(1, kUnreadable + "/dev/zero\n"));
+    const std::string calls = read(site.path("trace"));
+    EXPECT_NE(calls.find("zero\", O_RDONLY|O_CLOEXEC|O_PATH)"), std::string::npos);
+    EXPECT_EQ(calls.find("/proc/self/fd"), std::string::npos);
 }
 
 }  // namespace
