@@ -180,9 +180,12 @@ public:
 
     void remove(const InstanceFile& file)
     {
-        const Place& place = places_[file.section];
-        if (!unlink_at_once(file, place))
-            delete_(place.rel / file.path);
+        const Place& place = places_[file.section()];
+        if (unlink_at_once(file, place))
+            return;
+        std::string path;
+        file.append_path(path);
+        delete_(place.rel / path);
     }
 
 private:
@@ -195,12 +198,12 @@ private:
     /// Nearly every entry is a file that is there: one call. @return false for whatever it is not.
     bool unlink_at_once(const InstanceFile& file, const Place& place)
     {
-        if (!file.plain || !place.real)
+        if (!file.plain() || !place.real)
             return false;
         target_ = place.real->native();
         if (!target_.empty())
             target_ += '/';
-        target_ += file.path;
+        file.append_path(target_);
         const PathAt file_at = directory_.at(target_);
         return ::unlinkat(file_at.directory, file_at.name, 0) == 0;
     }
@@ -320,11 +323,11 @@ void cleanDirContent(std::list<fs::path>* paths, const fs::path& root, const Ext
 void sapp_delete_instance(const char* vhost_dir, const extract_params_t* params, const char* prefix)
 {
     using namespace tarvik;
-    std::vector<InstanceFile> files = parse_instance_list(readFile(std::cin));
+    InstanceFiles files = parse_instance_list(std::cin);
     if (std::strcmp(prefix, ".") != 0 && std::strcmp(prefix, "/") != 0)
-        files.push_back(instance_file(Htdocs, ""));  // the prefix directory itself, once empty
+        files.add(Htdocs, "");  // the prefix directory itself, once empty
     std::sort(files.begin(), files.end(), [](const InstanceFile& a, const InstanceFile& b) {
-        return std::tie(b.section, b.key) < std::tie(a.section, a.key);
+        return std::tuple(b.section(), b.key()) < std::tuple(a.section(), a.key());
     });
     InstanceRemover remover(vhost_dir, ExtractParams(*params), prefix);
     for (const InstanceFile& file : files)

@@ -5,6 +5,8 @@
 #include <boost/filesystem/path.hpp>
 
 #include <algorithm>
+#include <istream>
+#include <limits>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -15,24 +17,26 @@ namespace tarvik {
 
 namespace {
 
-bool is_plain(const std::string& path)
+constexpr std::size_t kBlock = 256 * 1024;
+
+bool is_plain(std::string_view path)
 {
     return !path.empty() && path.front() != '/' && path.back() != '/'
-        && path.find("//") == std::string::npos;
+        && path.find("//") == std::string_view::npos;
 }
 
 /**
- * A text that sorts byte by byte as the path sorts element by element: the elements with a NUL,
- * which XML cannot hold, between. Comparing library paths would cost more than removing the files.
+ * The elements with a NUL, which XML cannot hold, between. Comparing library paths would cost more
+ * than removing the files.
  */
-std::string sort_key(const std::string& path, bool plain)
+std::string sort_key(std::string_view path, bool plain)
 {
     std::string key;
     if (plain) {
         key = path;
         std::replace(key.begin(), key.end(), '/', '\0');
     } else {
-        for (const fs::path& element : fs::path(path))
+        for (const fs::path& element : fs::path(path.begin(), path.end()))
             key += (key.empty() ? "" : std::string(1, '\0')) + element.native();
     }
     return key;
@@ -59,7 +63,7 @@ public:
     {
         if (depth_ == kFileDepth && inFile_) {
             if (!text_.empty())
-                files_.push_back(instance_file(section_, text_));
+                files_.add(section_, text_);
             text_.clear();
             inFile_ = false;
         }
@@ -86,7 +90,8 @@ public:
 
     /// What is wrong with the list although it is well-formed; null when it is right.
     const char* error() const { return error_; }
-    std::vector<InstanceFile> take_files() { return std::move(files_); }
+    bool root_seen() const { return rootSeen_; }
+    InstanceFiles take_files() { return std::move(files_); }
 
     static constexpr const char* kWrongRoot = "Wrong root node name";
 
@@ -118,23 +123,89 @@ private:
     int depth_ = 0;
     InstallSection section_ = Htdocs;
     std::string text_;
-    std::vector<InstanceFile> files_;
+    InstanceFiles files_;
 };
+
+/// Reads on where the stream stands.
+int read_some(std::istream& in, char* buffer, int size)
+{
+    in.read(buffer, size);
+    return static_cast<int>(in.gcount());
+}
+
+/// Reads a list for a visitor. @param start  receives what came before the root element.
+XmlEnd visit_list(std::istream& in, InstanceListVisitor& visitor, std::string& start)
+{
+    return visit_xml(
+        [&](char* buffer, int size) {
+            const int count = read_some(in, buffer, size);
+            if (visitor.root_seen())
+                std::string().swap(start);
+            else if (start.size() <= kMaxXmlTreeBytes)
+                start.append(buffer, static_cast<std::size_t>(count));
+            return count;
+        },
+        visitor);
+}
+
+/// @return whether what was read already and what follows are a well-formed document.
+bool is_well_formed(std::string_view start, std::istream& in)
+{
+    return read_xml_tree([kept = xml_source(start), &in](char* buffer, int size) {
+               const int count = kept(buffer, size);
+               return count > 0 ? count : read_some(in, buffer, size);
+           })
+        != nullptr;
+}
 
 }  // namespace
 
-InstanceFile instance_file(InstallSection section, const std::string& path)
+void InstanceFile::append_path(std::string& text) const
 {
-    const bool plain = is_plain(path);
-    return {section, path, sort_key(path, plain), plain};
+    if (plain()) {
+        const std::size_t had = text.size();
+        text += key();
+        std::replace(text.begin() + static_cast<std::ptrdiff_t>(had), text.end(), '\0', '/');
+    } else {
+        text += text_ + key().size();
+    }
 }
 
-std::vector<InstanceFile> parse_instance_list(const std::string& text)
+void InstanceFiles::add(InstallSection section, std::string_view path)
+{
+    const bool plain = is_plain(path);
+    const std::string key = sort_key(path, plain);
+    InstanceFile file;
+    file.text_ = store(key, plain ? std::string_view() : path);
+    file.shape_ = key.size() << InstanceFile::kFlags | (plain ? InstanceFile::kPlain : 0)
+        | (section == Htdocs ? InstanceFile::kHtdocs : 0);
+    files_.push_back(file);
+}
+
+const char* InstanceFiles::store(std::string_view key, std::string_view path)
+{
+    const std::size_t length = key.size() + path.size() + 1;
+    if (length > freeLength_) {
+        freeLength_ = std::max(length, kBlock);
+        free_ = blocks_.emplace_back(std::make_unique<char[]>(freeLength_)).get();
+    }
+    char* const text = free_;
+    *std::copy(path.begin(), path.end(), std::copy(key.begin(), key.end(), text)) = '\0';
+    free_ += length;
+    freeLength_ -= length;
+    return text;
+}
+
+InstanceFiles parse_instance_list(std::istream& in)
 {
     InstanceListVisitor visitor;
-    const XmlEnd end = visit_xml(xml_source(text), visitor);
+    std::string start;
+    const XmlEnd end = visit_list(in, visitor, start);
     // Stopped at a document type: which error it is depends on the rest being well-formed.
-    if (end == XmlEnd::Malformed || (end == XmlEnd::Stopped && !read_xml_tree(xml_source(text))))
+    const bool wellFormed =
+        end == XmlEnd::WellFormed || (end == XmlEnd::Stopped && is_well_formed(start, in));
+    in.ignore(std::numeric_limits<std::streamsize>::max());
+    if (!wellFormed)
         throw std::runtime_error("XML parse error");
     if (visitor.error() != nullptr)
         throw std::runtime_error(visitor.error());

@@ -21,7 +21,6 @@ namespace {
 
 // A tree node takes up to some 250 bytes with what hangs on it.
 constexpr std::size_t kMaxTreeNodes = 100'000;
-constexpr std::size_t kMaxTreeBytes = 16 * 1024 * 1024;
 // Also of what leaves no node behind: entities repeat it without a byte being read.
 constexpr std::size_t kMaxTreeEvents = 500'000;
 constexpr std::size_t kMaxEntityText = 16 * 1024 * 1024;
@@ -298,7 +297,7 @@ private:
         bytes_ += count;
         bytesSinceEvent_ += count;
         refused_ = refused_ || bytesSinceEvent_ > kMaxBytesBetweenEvents
-            || (visitor_ == nullptr && bytes_ > kMaxTreeBytes);
+            || (visitor_ == nullptr && bytes_ > kMaxXmlTreeBytes);
         return refused_ ? -1 : static_cast<int>(count);
     }
 

@@ -71,6 +71,9 @@ struct FreeXmlDoc {
 };
 using XmlDoc = std::unique_ptr<_xmlDoc, FreeXmlDoc>;
 
+/// Bytes of the longest document that is read into a tree.
+constexpr std::size_t kMaxXmlTreeBytes = 16 * 1024 * 1024;
+
 /**
  * Reads a document into a tree. Entity references stay references, so the tree is never larger
  * than the text; comments and processing instructions are left out.

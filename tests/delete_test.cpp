@@ -1,5 +1,7 @@
 #include "tests/support/Sandbox.h"
 
+#include <boost/algorithm/string.hpp>
+
 using namespace sandbox;
 
 namespace {
@@ -61,6 +63,7 @@ TEST_F(Delete, AMalformedListEndsTheProcessWithNothingRemoved)
         {"<!DOCTYPE INSTANCE-DATA>" + list, root},
         {"<WRONG/>", root},
         {"<!-- c -->" + list, root},
+        {"<!--" + std::string(9'000, 'c') + "--><!DOCTYPE INSTANCE-DATA>" + list, root},  // read twice
         {"<INSTANCE-DATA><SECTION prefix='htdocs'/></INSTANCE-DATA>", "Attribute name is required for section"},
         {"<INSTANCE-DATA><SECTION PREFIX='httpdocs'/><SECTION/></INSTANCE-DATA>", "Bad sttribute name value"},
     };
@@ -72,6 +75,23 @@ TEST_F(Delete, AMalformedListEndsTheProcessWithNothingRemoved)
                      "<FILE>f</FILE></SECTION><FILE>a</FILE></n:INSTANCE-DATA><!-- after -->"),
               says(0, ""));
     EXPECT_TRUE(site_.tree().empty());
+}
+
+TEST_F(Delete, KeepsOnlyThePathsOfALongListAndLetsItsWriterFinish)
+{
+    const std::string program = " | " ZENDREL_PROGRAM " " + boost::join(site_.remove(), " ");
+    const Result result =
+        run({"sh", "-c",
+             "perl -e 'print \"<INSTANCE-DATA><SECTION PREFIX=\\\"htdocs\\\">\"; "
+             "print \"<FILE>\", \"x\" x 60, $_, \"</FILE>\" for 1..300000; print \"</SECTION></INSTANCE-DATA>\"'"
+                 + program});
+    EXPECT_EQ(result, says(0, ""));
+#ifndef ZENDREL_SANITIZED
+    EXPECT_LE(result.peakKilobytes, 64 * 1024);
+#endif
+    run({"sh", "-c",
+         "{ echo '<a><b></a>'; head -c 999999 /dev/zero && echo written >" + site_.path("end") + "; }" + program});
+    EXPECT_EQ(read(site_.path("end")), "written\n");
 }
 
 TEST_F(Delete, ChecksTheDocumentRootAsTheSiteUser)

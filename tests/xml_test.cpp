@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <new>
+#include <sstream>
 
 using namespace sandbox;
 using namespace tarvik;
@@ -61,11 +62,11 @@ std::string metadata_text()
 
 std::string instances_text()
 {
+    std::istringstream list("<INSTANCE-DATA><SECTION PREFIX='htdocs'><FILE>a&amp;b</FILE><FILE>"
+                            + std::string(9'000, 'c') + "</FILE></SECTION></INSTANCE-DATA>");
     std::string text;
-    for (const InstanceFile& file :
-         parse_instance_list("<INSTANCE-DATA><SECTION PREFIX='htdocs'><FILE>a&amp;b</FILE><FILE>"
-                             + std::string(9'000, 'c') + "</FILE></SECTION></INSTANCE-DATA>"))
-        text += file.path + "|";
+    for (const InstanceFile& file : parse_instance_list(list))
+        file.append_path(text += "|");
     return text;
 }
 
