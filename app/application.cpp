@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <optional>
 
@@ -59,11 +60,14 @@ extract_params_t document_root_params(const std::string& wwwRoot)
     return {wwwRoot.c_str(), 0, 0, 1, nullptr};
 }
 
-/// An exception of a malformed list ends the process here: nothing has been removed by then.
+/// An exception of a malformed list ends the process here: nothing has been removed by then. It is
+/// caught for that, since at the end of a function alone its reason may be lost to optimisation.
 void delete_instance_or_terminate(const std::string& vhostPath, const extract_params_t& params,
                                   const std::string& appSubdir) noexcept
-{
+try {
     sapp_delete_instance(vhostPath.c_str(), &params, appSubdir.c_str());
+} catch (...) {
+    std::terminate();
 }
 
 }  // namespace

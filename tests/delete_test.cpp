@@ -70,6 +70,11 @@ TEST_F(Delete, AMalformedListEndsTheProcessWithNothingRemoved)
     const std::string thrown = "terminate called after throwing an instance of 'std::runtime_error'\n  what():  ";
     for (const auto& [bad, what] : cases)
         EXPECT_EQ(remove(bad), says(128 + SIGABRT, thrown + what + "\n")) << bad;
+#ifdef ZENDREL_LTO_PROGRAM
+    Words optimised = site_.remove();
+    optimised.insert(optimised.begin(), ZENDREL_LTO_PROGRAM);
+    EXPECT_EQ(run(optimised, "<WRONG/>"), says(128 + SIGABRT, thrown + root + "\n"));
+#endif
     EXPECT_EQ(site_.tree().count("f"), 1u);
     EXPECT_EQ(remove("<?xml version='1.0'?><n:INSTANCE-DATA xmlns:n='u'><x><SECTION/></x><SECTION PREFIX='ht&#100;ocs'>"
                      "<FILE>f</FILE></SECTION><FILE>a</FILE></n:INSTANCE-DATA><!-- after -->"),
