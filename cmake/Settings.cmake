@@ -9,6 +9,10 @@ target_include_directories(zendrel_settings INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(zendrel_settings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     $<$<BOOL:${ZENDREL_WERROR}>:-Werror>)
+if(ZENDREL_FUZZ)  # clang++ has a warning more under the same name
+    target_compile_options(zendrel_settings INTERFACE
+        -Wno-sign-conversion -fsanitize=fuzzer-no-link)
+endif()
 
 # Path rules of version 3: a trailing separator is a "." element, and appending an absolute path
 # appends its text. From Boost 1.77 on the version has to be asked for.
@@ -17,7 +21,7 @@ target_compile_definitions(zendrel_settings INTERFACE BOOST_FILESYSTEM_VERSION=3
 if(ZENDREL_SANITIZE)
     # The checks confuse the compiler's analysis of library headers; the release build has it.
     target_compile_options(zendrel_settings INTERFACE
-        -Wno-maybe-uninitialized
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
         -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(zendrel_settings INTERFACE -fsanitize=address,undefined)
 else()
