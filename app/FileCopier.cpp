@@ -1,5 +1,6 @@
 #include "app/FileCopier.h"
 
+#include "app/SiteUser.h"
 #include "clib/tarvik_ugid.h"
 #include "common/ExSystemError.h"
 
@@ -10,9 +11,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <limits>
 #include <sstream>
 
 namespace fs = boost::filesystem;
@@ -21,20 +24,26 @@ namespace tarvik {
 
 namespace {
 
-constexpr char kClientsGroup[] = "oxacln";
-
-constexpr mode_t kModeBits = 07777;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kProgramMode = 0755;
 
 // Most files of a web application fit in: one read, one write, and a read that finds the end.
 constexpr std::size_t kBufferSize = 128 * 1024;
-constexpr std::size_t kKernelStep = std::size_t {1} << 30;
+constexpr off_t kKernelStep = off_t {1} << 30;
+constexpr off_t kToTheEnd = std::numeric_limits<off_t>::max();
 constexpr off_t kWorthReserving = 1024 * 1024;
+constexpr off_t kBlockSize = 512;  // of st_blocks
 
 [[noreturn]] void throw_unable_to_create(const std::string& path, const char* reason = "")
 {
     throw FSAFileException("Unable to create directory " + path + reason);
+}
+
+[[noreturn]] void throw_unable_to_copy(const std::string& source, const std::string& target,
+                                       int error)
+{
+    throw fs::filesystem_error("boost::filesystem::copy_file", source, target,
+                               {error, boost::system::system_category()});
 }
 
 bool create_directories(const std::string& path)
@@ -57,18 +66,38 @@ bool create_directories(const std::string& path)
 }
 
 /// Lets the site's people work in a directory that the installation puts something into.
+/// @param directory  `dir`, opened as a place.
 /// @return false when the mode had to be changed and could not be, which is reported.
-bool makeUserWritableDir(const std::string& dir, const struct stat& status,
-                         const std::string& userName)
+bool makeUserWritableDir(const std::string& dir, int directory, const struct stat& status,
+                         uid_t siteUser)
 {
-    static const uid_t user = tarvik_ugid(userName.c_str(), 0);
     static const gid_t clients = get_group_id(kClientsGroup);
-    const mode_t wanted = status.st_uid == user ? 0700 : status.st_gid == clients ? 0070 : 0007;
+    const mode_t wanted = status.st_uid == siteUser ? 0700 : status.st_gid == clients ? 0070 : 0007;
     const mode_t mode = status.st_mode & kModeBits;
-    if ((mode | wanted) == mode || ::chmod(dir.c_str(), mode | wanted) == 0)
+    if ((mode | wanted) == mode || ::chmod(descriptor_path(directory).c_str(), mode | wanted) == 0)
         return true;
     std::cerr << "Unable to change mode for " << dir << ": " << std::strerror(errno) << '\n';
     return false;
+}
+
+/// @return whether `path` names this directory itself, not a link to it.
+bool is_itself(const std::string& path, const struct stat& directory)
+{
+    struct stat status;
+    return ::lstat(path.c_str(), &status) == 0 && status.st_dev == directory.st_dev
+        && status.st_ino == directory.st_ino;
+}
+
+/// Removes one file, link or empty directory, whatever is at the place.
+void remove_one(const PathAt& at, const std::string& path)
+{
+    struct stat status;
+    const bool isDirectory = ::fstatat(at.directory, at.name, &status, AT_SYMLINK_NOFOLLOW) == 0
+        && S_ISDIR(status.st_mode);
+    if (::unlinkat(at.directory, at.name, isDirectory ? AT_REMOVEDIR : 0) != 0 && errno != ENOENT
+        && errno != ENOTDIR)
+        throw fs::filesystem_error("boost::filesystem::remove", path,
+                                   {errno, boost::system::system_category()});
 }
 
 bool is_directory(const std::string& source, EntryType type)
@@ -79,18 +108,32 @@ bool is_directory(const std::string& source, EntryType type)
 }
 
 /// Room taken at once costs a large file far less than room taken page by page. Only an attempt.
-void reserve_room(int in, int out)
+void reserve_room(int out, off_t size)
 {
-    struct stat status;
-    if (::fstat(in, &status) == 0 && status.st_size >= kWorthReserving)
-        static_cast<void>(::fallocate(out, FALLOC_FL_KEEP_SIZE, 0, status.st_size));
+    if (size >= kWorthReserving)
+        static_cast<void>(::fallocate(out, FALLOC_FL_KEEP_SIZE, 0, size));
 }
 
-/// Takes a large file as far as the kernel can without the data coming here: to its end, not at
-/// all between some file systems, or to an error, which the next read or write then meets.
-void copy_in_kernel(int in, int out)
+/// Fewer blocks than its size takes: a file of terabytes may hold next to nothing.
+bool is_sparse(const struct stat& status)
 {
-    while (::copy_file_range(in, nullptr, out, nullptr, kKernelStep, 0) > 0) { }
+    return status.st_blocks < status.st_size / kBlockSize;
+}
+
+/// Takes a large file as far as the kernel can without the data coming here: to the end asked for,
+/// not at all between some file systems, or to an error, which the next read or write then meets.
+/// @return the number of bytes taken.
+off_t copy_in_kernel(int in, int out, off_t size)
+{
+    off_t taken = 0;
+    while (taken < size) {
+        const auto step = static_cast<std::size_t>(std::min(kKernelStep, size - taken));
+        const ssize_t count = ::copy_file_range(in, nullptr, out, nullptr, step, 0);
+        if (count <= 0)
+            break;
+        taken += count;
+    }
+    return taken;
 }
 
 /// The mode asked for on creation holds unless the umask, a default ACL or the file system takes
@@ -107,9 +150,10 @@ void settle_mode(int out, mode_t mode, bool& holds)
 
 }  // namespace
 
-FileCopier::FileCopier(const std::string& packageDir, const std::string& appDir,
-                       const std::string& userName)
-    : packageDir_(packageDir), appDir_(appDir), userName_(userName), buffer_(kBufferSize)
+FileCopier::FileCopier(const std::string& packageDir, const std::string& appDir, uid_t siteUser,
+                       TargetDirectories& known)
+    : packageDir_(packageDir), appDir_(appDir), siteUser_(siteUser), known_(known),
+      buffer_(kBufferSize)
 {
 }
 
@@ -120,10 +164,10 @@ void FileCopier::install(const FSAInstallFileinfo& file)
     const std::string& target = target_.assign(appDir_).append("/").append(file.targetPath);
     try {
         enter_parent(target);
-        if (is_directory(source, file.type))
-            create_directories(target);
-        else
+        if (!is_directory(source, file.type))
             copy_file(source, target, file);
+        else if (create_directories(target))
+            known_.remember(target);
     } catch (const fs::filesystem_error& e) {
         std::ostringstream text;
         text << "Filesystem error: " << e.what() << "(" << e.code() << ")" << source << " -> "
@@ -135,14 +179,21 @@ void FileCopier::install(const FSAInstallFileinfo& file)
 void FileCopier::enter_parent(const std::string& target)
 {
     const std::size_t slash = target.rfind('/');
-    if (slash == settledParent_.size() && target.compare(0, slash, settledParent_) == 0)
+    if (slash > 0 && slash == settledParent_.size()
+        && target.compare(0, slash, settledParent_) == 0)
         return;
     const std::string parent = fs::path(target).parent_path().native();
     settledParent_.clear();
     modesHold_[false] = modesHold_[true] = false;
+    if (target.back() == '/')  // the parent is then the target itself
+        known_.remember(fs::path(parent).parent_path().native());
+    const TDescriptor directory(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat status;
-    if (::lstat(parent.c_str(), &status) == 0 && S_ISDIR(status.st_mode)
-        && makeUserWritableDir(parent, status, userName_))
+    if (!directory || ::fstat(directory.get(), &status) != 0)
+        return;  // it is made now, or what is made in it meets the error
+    known_.remember(parent, status);
+    if (is_itself(parent, status)
+        && makeUserWritableDir(parent, directory.get(), status, siteUser_))
         settledParent_ = parent;
 }
 
@@ -150,19 +201,24 @@ void FileCopier::copy_file(const std::string& source, const std::string& target,
                            const FSAInstallFileinfo& file)
 {
     const mode_t mode = file.executable ? kProgramMode : kFileMode;
+    const TDescriptor in = open_source(source, file.type);
+    if (!in) {
+        const int error = errno;
+        remove_one(targets_.at(target), target);  // what stands there goes first all the same
+        throw_unable_to_copy(source, target, error);
+    }
     TDescriptor out = create_in_place_of(target, mode);
-    const bool created = static_cast<bool>(out);
-    const TDescriptor in = created ? open_source(source, file.type) : TDescriptor();
-    if (in && copy_content(in.get(), out.get())) {
+    if (!out)
+        throw_unable_to_copy(source, target, errno);
+    if (copy_content(in.get(), out.get())) {
         settle_mode(out.get(), mode, modesHold_[file.executable]);
         if (out.close())  // where some file systems report that a write has failed
             return;
     }
-    const int error = errno;
-    if (created)
-        static_cast<void>(::unlink(target.c_str()));  // the error to report is the first
-    throw fs::filesystem_error("boost::filesystem::copy_file", source, target,
-                               {error, boost::system::system_category()});
+    const int error = errno;  // the error to report is the first
+    const PathAt at = targets_.at(target);
+    static_cast<void>(::unlinkat(at.directory, at.name, 0));
+    throw_unable_to_copy(source, target, error);
 }
 
 /// @return the new file, empty; none with `errno`. Whatever stood there is removed first.
@@ -175,7 +231,7 @@ TDescriptor FileCopier::create_in_place_of(const std::string& target, mode_t mod
     };
     TDescriptor out = create(target);
     if (!out && (errno == EEXIST || errno == EISDIR)) {
-        fs::remove(target);
+        remove_one(targets_.at(target), target);
         out = create(target);
     }
     return out;
@@ -205,10 +261,13 @@ bool FileCopier::copy_content(int in, int out)
             return count == 0;
         if (!write_all(out, static_cast<std::size_t>(count)))
             return false;
-        if (count == static_cast<ssize_t>(buffer_.size())) {
-            reserve_room(in, out);
-            copy_in_kernel(in, out);
-        }
+        struct stat status;
+        if (count < static_cast<ssize_t>(buffer_.size()) || ::fstat(in, &status) != 0)
+            continue;
+        if (is_sparse(status))
+            return copy_sparse(in, out, count, status.st_size);
+        reserve_room(out, status.st_size);
+        copy_in_kernel(in, out, kToTheEnd);
     }
 }
 
@@ -220,6 +279,43 @@ bool FileCopier::write_all(int out, std::size_t size)
             return false;
         next += count;
         size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+/// Copies what holds data, from `start` on. @return false with `errno`.
+bool FileCopier::copy_sparse(int in, int out, off_t start, off_t size)
+{
+    while (start < size) {
+        off_t data = ::lseek(in, start, SEEK_DATA);
+        if (data < 0 && errno == ENXIO)  // nothing but a hole is left
+            break;
+        off_t hole = data < 0 ? -1 : ::lseek(in, data, SEEK_HOLE);
+        if (hole < 0) {  // the file system cannot tell
+            data = start;
+            hole = size;
+        }
+        if (!copy_range(in, out, data, std::min(hole, size)))
+            return false;
+        start = hole;
+    }
+    return ::ftruncate(out, size) == 0;
+}
+
+bool FileCopier::copy_range(int in, int out, off_t start, off_t end)
+{
+    if (::lseek(in, start, SEEK_SET) < 0 || ::lseek(out, start, SEEK_SET) < 0)
+        return false;
+    start += copy_in_kernel(in, out, end - start);
+    while (start < end) {
+        const auto left = static_cast<std::size_t>(end - start);
+        const std::size_t size = std::min(buffer_.size(), left);
+        const ssize_t count = retried([&] { return ::read(in, buffer_.data(), size); });
+        if (count <= 0)
+            return count == 0;
+        if (!write_all(out, static_cast<std::size_t>(count)))
+            return false;
+        start += count;
     }
     return true;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "app/FileList.h"
+#include "app/InstallPlan.h"
+#include "app/TargetDirectories.h"
 #include "common/misc.h"
 
 #include <sys/types.h>
@@ -10,23 +11,16 @@
 
 namespace tarvik {
 
-/// One planned step: a file or directory of the package and the place it goes to.
-struct FSAInstallFileinfo {
-    std::string sourcePath;  ///< relative to the package directory
-    std::string targetPath;  ///< relative to the application directory
-    bool executable = false;
-    EntryType type = EntryType::Unknown;  ///< of the source, as far as its listing told
-};
-
 /**
  * Copies planned files, parents before their contents. What holds for all files of one directory is
  * found out once for each run of files in it.
  */
 class FileCopier {
 public:
-    /// All three are borrowed for the copier's life. @param userName  the site's system user.
-    FileCopier(const std::string& packageDir, const std::string& appDir,
-               const std::string& userName);
+    /// The texts are borrowed for the copier's life.
+    /// @param known  learns the directories that something is put into; borrowed.
+    FileCopier(const std::string& packageDir, const std::string& appDir, uid_t siteUser,
+               TargetDirectories& known);
 
     /**
      * Creates a directory unless it is there, or a file in place of what is there, with its mode.
@@ -44,10 +38,13 @@ private:
     TDescriptor open_source(const std::string& source, EntryType type);
     bool copy_content(int in, int out);
     bool write_all(int out, std::size_t size);
+    bool copy_sparse(int in, int out, off_t start, off_t size);
+    bool copy_range(int in, int out, off_t start, off_t end);
 
     const std::string& packageDir_;
     const std::string& appDir_;
-    const std::string& userName_;
+    const uid_t siteUser_;
+    TargetDirectories& known_;
     std::string source_, target_;
     LastDirectory sources_;
     LastDirectory targets_;

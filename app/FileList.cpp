@@ -7,8 +7,6 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/format.hpp>
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,8 +15,6 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
-#include <memory>
-#include <string_view>
 #include <tuple>
 
 namespace fs = boost::filesystem;
@@ -35,82 +31,9 @@ constexpr char kCgiBin[] = "cgi-bin";
 constexpr char kPrivate[] = "private";
 constexpr char kErrorDocs[] = "error_docs";
 
-struct CloseDirectory {
-    void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
-[[noreturn]] void throw_filesystem_error(const char* operation, const std::string& path, int error)
-{
-    throw fs::filesystem_error(operation, path, {error, boost::system::system_category()});
-}
-
 void report(const char* format, const std::string& path, int error)
 {
     std::cerr << boost::format(format) % path % std::strerror(error);
-}
-
-EntryType entry_type(mode_t mode)
-{
-    return S_ISDIR(mode) ? EntryType::Directory
-        : S_ISREG(mode)  ? EntryType::Regular
-                         : EntryType::Other;
-}
-
-/// The type by lstat. A failure other than a missing path is reported.
-EntryType examine(const std::string& path)
-{
-    struct stat status;
-    if (::lstat(path.c_str(), &status) == 0)
-        return entry_type(status.st_mode);
-    if (errno != ENOENT)
-        report("%1%: %2%\n", path, errno);
-    return EntryType::Other;
-}
-
-EntryType entry_type(const dirent& entry)
-{
-    return entry.d_type == DT_UNKNOWN ? EntryType::Unknown : entry_type(DTTOIF(entry.d_type));
-}
-
-/// All entries of one directory, so that no descriptor is held while those below are listed.
-std::vector<ListedEntry> read_directory(const std::string& path)
-{
-    TDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const Directory directory(descriptor ? ::fdopendir(descriptor.get()) : nullptr);
-    if (!directory)
-        throw_filesystem_error("boost::filesystem::directory_iterator::construct", path, errno);
-    static_cast<void>(descriptor.release());  // the stream owns it now
-
-    // Names can be read without a search permission, but then none of them can be examined.
-    const bool searchable = ::faccessat(::dirfd(directory.get()), ".", F_OK, 0) == 0;
-    std::vector<ListedEntry> entries;
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = ::readdir(directory.get());
-        if (entry == nullptr)
-            break;
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..")
-            entries.push_back(
-                {std::string(name), searchable ? entry_type(*entry) : EntryType::Unknown});
-    }
-    if (errno != 0)
-        throw_filesystem_error("boost::filesystem::directory_iterator::operator++", path, errno);
-    return entries;
-}
-
-/// @param prefix  what stands before the names in `listed`: nothing, or a path and a separator.
-void list_below(const std::string& directory, const std::string& prefix,
-                std::vector<ListedEntry>& listed)
-{
-    const std::string start = directory.back() == '/' ? directory : directory + "/";
-    for (const auto& [name, told] : read_directory(directory)) {
-        const EntryType type = told == EntryType::Unknown ? examine(start + name) : told;
-        listed.push_back({prefix + name, type});
-        if (type == EntryType::Directory)
-            list_below(start + name, prefix + name + "/", listed);
-    }
 }
 
 /// `p` without its first `count` elements.
@@ -245,15 +168,6 @@ int pathLength(const fs::path& p)
 {
     const auto count = std::distance(p.begin(), p.end());
     return static_cast<int>(p.filename() == "." ? count - 1 : count);
-}
-
-std::vector<ListedEntry> list_tree(const std::string& dir)
-{
-    const EntryType type = examine(dir);
-    std::vector<ListedEntry> listed = {{"", type}};
-    if (type == EntryType::Directory)
-        list_below(dir, "", listed);
-    return listed;
 }
 
 std::list<fs::path> readDirContent(const fs::path& dir)

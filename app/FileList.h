@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/Listing.h"
+
 #include <boost/filesystem/path.hpp>
 
 #include <list>
@@ -58,22 +60,6 @@ std::list<boost::filesystem::path> vhostUsedDirs(SetupSkeletonMode mode);
 
 /// @return the number of elements of `p`, a trailing separator not counted.
 int pathLength(const boost::filesystem::path& p);
-
-/// What a directory listing says of an entry; Unknown where the file system does not tell.
-enum class EntryType { Unknown, Directory, Regular, Other };
-
-struct ListedEntry {
-    std::string path;  ///< relative to the listed directory, which is itself the empty path
-    EntryType type;    ///< links are not followed
-};
-
-/**
- * Lists the tree under `dir`, the directory itself first, parents before their contents, in the
- * order in which the system returns them. A link is listed but not entered; so is `dir` itself.
- * Entries that cannot be examined are reported on standard error and not entered.
- * @throws boost::filesystem::filesystem_error for a directory that cannot be opened or read.
- */
-std::vector<ListedEntry> list_tree(const std::string& dir);
 
 /// The paths of `list_tree`.
 std::list<boost::filesystem::path> readDirContent(const boost::filesystem::path& dir);

@@ -1,10 +1,10 @@
 #include "app/application.h"
 
 #include "app/FileList.h"
+#include "app/SiteUser.h"
 #include "app/fsappactions.h"
 #include "app/fsappmetadata.h"
 #include "app/options.h"
-#include "clib/libuser.h"
 #include "clib/tarvik_ugid.h"
 #include "common/ExSystemError.h"
 
@@ -33,7 +33,6 @@ namespace {
 constexpr char kFileUrl[] = "file:///";
 constexpr std::size_t kFileUrlLength = sizeof kFileUrl - 1;
 constexpr std::size_t kMaxPackagePath = 4096;
-constexpr char kClientsGroup[] = "oxacln";
 constexpr char kMetadataName[] = "/APP-META.xml";
 constexpr mode_t kInstallUmask = 022;
 
@@ -134,7 +133,7 @@ int fsa_extract_application(const std::string& fullName, const std::string& vhos
     if (!metadata)
         return 1;
 
-    p_setuid(userName.c_str());
+    become_site_user(userName);
     if (appSubdir == "." && cleanDocroot != 0) {
         const extract_params_t params = document_root_params(wwwRoot);
         clean_docroot(vhostPath.c_str(), &params);
@@ -161,7 +160,7 @@ int deleteApplication(int argc, char** argv)
     add("application-full-name", po::value<std::string>(), "application full name");
     options::parse(argc, argv, description);
 
-    p_setuid(userName.c_str());
+    become_site_user(userName);
     return delete_application_user(vhostPath, wwwRoot, appSubdir);
 }
 

@@ -14,7 +14,8 @@ class FSAMetaDataReader;
  * @param packageDir             the unpacked package.
  * @param documentRoot           the site's document root; created, parents too, when missing.
  * @param appSubdir              directory inside it; "." or "/" is the document root itself.
- * @param userName               the site's system user; looked up once in the life of the process.
+ * @param userName               the site's system user, looked up by this name only while the
+ * process is still root.
  * @param makeWebserverWritable  widen the modes of writable mappings for the web server.
  * @return true; false when an error was reported, on standard error.
  * @throws whatever is neither a file nor a metadata error, with nothing removed again.

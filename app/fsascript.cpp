@@ -1,5 +1,6 @@
 #include "app/fsascript.h"
 
+#include "app/SiteUser.h"
 #include "app/application.h"
 #include "app/fsappmetadata.h"
 #include "app/options.h"
@@ -319,7 +320,7 @@ int fsa_run_configure_script(const std::string& application_full_name,
     const std::string path = scriptsDir + "/" + script->file;
     if (is_missing(path))
         return 0;  // a package without that script needs nothing done
-    p_setuid(user_name.c_str());
+    become_site_user(user_name);
     if (::chdir(scriptsDir.c_str()) != 0) {
         std::cerr << "Unable to change current directory to " << scriptsDir << '\n';
         return 1;

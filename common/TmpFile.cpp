@@ -2,7 +2,6 @@
 
 #include "common/ExSystemError.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -14,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -43,10 +41,6 @@ TDescriptor create_unique(std::string& name)
         name.replace(name.size() - kUniqueLength, kUniqueLength, kUnique);
     }
 }
-
-struct CloseDirectory {
-    void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
-};
 
 bool is_unique_name(std::string_view name, std::string_view stem)
 {
@@ -127,7 +121,7 @@ void remove_stray_files(const std::string& prefix)
 {
     const std::size_t stem = prefix.rfind('/') + 1;  // npos + 1 is 0
     const std::string path = stem == 0 ? "." : prefix.substr(0, stem);
-    const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
+    const DirectoryStream directory(::opendir(path.c_str()));
     if (!directory)
         return;
     while (const dirent* const entry = ::readdir(directory.get())) {

@@ -31,6 +31,11 @@ bool TDescriptor::close() noexcept
     return ::close(release()) == 0 || errno == EINTR;  // interrupted, it is closed all the same
 }
 
+std::string descriptor_path(int descriptor)
+{
+    return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
 PathAt LastDirectory::at(const std::string& path)
 {
     const PathAt whole = {AT_FDCWD, path.c_str()};

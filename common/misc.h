@@ -1,7 +1,10 @@
 #pragma once
 
+#include <dirent.h>
+
 #include <cerrno>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -29,6 +32,15 @@ public:
 private:
     int fd_;
 };
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
+};
+/// Owns a directory stream.
+using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
+
+/// @return a path that leads to an open file, also to one that was opened as a place only (O_PATH).
+std::string descriptor_path(int descriptor);
 
 /// Makes a system call until no signal interrupts it. @return its last result, with `errno`.
 template <class Call>

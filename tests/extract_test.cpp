@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include <climits>
+
 using namespace sandbox;
 
 namespace {
@@ -30,6 +32,24 @@ protected:
         umask(077);
         Result result = zendrel(site_.extract(changes), "", limits);
         umask(022);
+        boost::replace_all(result.err, site_.path(), "@");
+        return result;
+    }
+    /// The same under a tracer that makes calls fail, or stops the program at one of them and runs commands
+    /// meanwhile: "chmod:signal=STOP:when=2".
+    Result traced(const std::string& injection, const std::string& meanwhile = "", const Words& changes = {}) const
+    {
+        const std::string calls = injection.substr(0, injection.find(':'));
+        site_.write("run",
+                    "export ASAN_OPTIONS=detect_leaks=0\nrm -f trace\nstrace -fo trace -e trace=" + calls
+                        + " -e inject=" + injection + " " ZENDREL_PROGRAM " \"$@\" &\n"
+                        + (meanwhile.empty() ? ""
+                                             : "until grep -qs 'stopped by' trace; do kill -0 $! || exit 9; done\n"
+                                   + meanwhile + "\nkill -CONT $(sed 's/ .*//;q' trace)\n")
+                        + "wait $!\n");
+        Words words = site_.extract(changes);
+        words.insert(words.begin(), {"sh", "-ec", "cd " + site_.path() + "; . ./run", "sh"});
+        Result result = run(words);
         boost::replace_all(result.err, site_.path(), "@");
         return result;
     }
@@ -135,6 +155,69 @@ d 777 bob:oxaserv: b
 )");
 }
 
+TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
+{
+    const std::string nowhere = "Source directory \"@/package/nowhere\" is not exist\n";
+    const auto writable = [](const std::string& url, const std::string& path) {
+        return "<mapping url='" + url + "' path='" + path + "'><php:permissions writable='true'/></mapping>";
+    };
+    package({"f"}, "<mapping url='bobs' path='htdocs'/>");
+    site_.put("bobs/", "", 0755, kBob, 28011);  // nothing can be made in it
+    site_.shell("ln -s nowhere package/htdocs/a");
+    EXPECT_EQ(extract(),
+              says(1,
+                   "Unable to change mode for @/vhost/httpdocs/bobs: Operation not permitted\n"
+                       + fails("Filesystem error: boost::filesystem::copy_file: No such file or directory: "
+                               "\"@/package/htdocs/a\", \"@/vhost/httpdocs/bobs/a\"(system:2)"
+                               "@/package/htdocs/a -> @/vhost/httpdocs/bobs/a")
+                             .err));
+    package({}, "<mapping url='zendrel-f' path='htdocs/f'/>");
+    EXPECT_EQ(extract({"--www-root="}),
+              says(1,
+                   "Unable to change mode for /: Operation not permitted\n"
+                       + fails("Filesystem error: boost::filesystem::copy_file: Permission denied: "
+                               "\"@/package/htdocs/f\", \"/zendrel-f\"(system:13)@/package/htdocs/f -> /zendrel-f")
+                             .err));
+    package({}, writable("data", "htdocs/f") + writable("data/", "nowhere"));
+    EXPECT_EQ(extract(),
+              says(1,
+                   nowhere + "@/vhost/httpdocs/data/: Not a directory\n"
+                       + fails("Unable to stat file  @/vhost/httpdocs/data/ mode: Not a directory").err));
+    EXPECT_EQ(site_.tree().count("data"), 0u);
+
+    // Nothing is put behind the link of the site that leads to this one.
+    site_.shell("rm -rf vhost/httpdocs/* package/htdocs/a; ln -s a vhost/httpdocs/l");
+    site_.put("a/q/");
+    package({}, "<mapping url='/' path='htdocs'/>" + writable("l/q", "nowhere"));
+    EXPECT_EQ(extract(), says(0, nowhere));
+    EXPECT_EQ(mode_of(site_.docroot("a/q")), 0757u);
+    // The undo finds its way back, and goes on where that way is gone.
+    site_.shell("mkdir package/q; touch package/q/g; mkfifo package/htdocs/p");
+    for (const std::string odd : {"x/y/..", "l/b/"}) {
+        site_.shell("rm -rf vhost/httpdocs/*; mkdir -p vhost/d; chown alice vhost/d; ln -s ../d vhost/httpdocs/l");
+        package({}, "<mapping url='a' path='q'/><mapping url='" + odd + "' path='htdocs'/>");
+        EXPECT_EQ(extract().status, 1) << odd;
+        EXPECT_EQ(site_.tree().count("a") + site_.tree("vhost/d").size(), 0u) << odd;
+    }
+    site_.shell("rm package/htdocs/p");
+
+    // A path that no call takes is listed, but not entered.
+    package({}, writable("data", "nowhere"));
+    site_.put("data/");
+    const std::string name(200, 'd');
+    site_.shell("cd vhost/httpdocs/data; perl -e 'for (1..25) { mkdir \"" + name + "\"; chdir \"" + name + "\" }'");
+    std::string path = site_.docroot("data");
+    while (path.size() < PATH_MAX)
+        path += "/" + name;
+    boost::replace_all(path, site_.path(), "@");
+    const std::string reason = "File name too long";
+    EXPECT_EQ(
+        extract(),
+        says(1,
+             nowhere + path + ": " + reason + "\n" + fails("Unable to stat file  " + path + " mode: " + reason).err));
+    site_.shell("rm -rf vhost/httpdocs/data");
+}
+
 /// By root, whose changes of a mode never fail.
 TEST_F(Extract, WidensModesByOwnerAndGroup)
 {
@@ -177,6 +260,131 @@ TEST_F(Extract, RefusesInItsOrderOfChecks)
     EXPECT_TRUE(site_.tree().empty());
 }
 
+/// Another application's directory takes the place of one of ours, by the hand of who may write in both.
+TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
+{
+    const std::string swap = "mv vhost/httpdocs/data/d aside; ln -s $PWD/other vhost/httpdocs/data/d";
+    site_.shell("mkdir -p other/more; cd other; touch f more/f; cp -a . ../untouched; chown -R alice . ../untouched");
+    package({}, kWithData);
+    site_.shell("mkdir -p package/htdocs/data/d/more; cd package/htdocs/data/d; touch f more/f");
+    EXPECT_EQ(traced("chmod:signal=STOP:when=2", swap).status, 1);  // the first is the mapping itself
+    EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
+
+    site_.shell("rm -rf aside vhost/httpdocs/*");
+    const std::string move = "mv vhost/httpdocs/data/d aside; mv other vhost/httpdocs/data/d";
+    EXPECT_EQ(traced("chmod:signal=STOP:when=1", move).status, 1);
+    EXPECT_EQ(site_.listing("vhost/httpdocs/data/d"), site_.listing("untouched"));
+
+    site_.shell("mv vhost/httpdocs/data/d other");
+    site_.shell("rm -rf aside vhost/httpdocs/*; mkfifo package/htdocs/z");
+    EXPECT_EQ(traced("write:signal=STOP:when=1", swap).status, 1);  // the message, with everything still there
+    EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
+    EXPECT_EQ(site_.listing(), "\n");
+}
+
+TEST_F(Extract, NothingThatIsOpenReachesThePackage)
+{
+    package({"f"});
+    site_.shell("mkdir -m 700 secret; echo root >secret/f; ln -s /proc/self/fd/7 package/htdocs/z; exec "
+                "7<secret/f\n" ZENDREL_PROGRAM " "
+                + boost::join(site_.extract(), " ") + " 2>&- && exit 1 || test $? = 1");
+    EXPECT_TRUE(site_.tree().empty());
+}
+
+/// What a failing call makes of an installation, and which of its files stay.
+TEST_F(Extract, FailingCallsAreMetAndUndone)
+{
+    package({"a", "data/f"}, kWithData);
+    const std::string all = "\n- 644 alice:oxacln: a\n- 646 alice:oxacln: data/f\nd 757 alice:oxacln: data\n";
+    const std::string plain = "\n- 644 alice:oxacln: a data/f\nd 755 alice:oxacln: data\n";
+    const std::string target = " -P $PWD/vhost/httpdocs/a", source = " -P $PWD/package/htdocs/a";
+    const std::string data = " -P $PWD/vhost/httpdocs/data";
+    const std::string list = "Fatal error: boost::filesystem::filesystem_error(boost::filesystem::directory_iterator::";
+    const auto copy = [](const std::string& reason, const std::string& number) {
+        return fails("Filesystem error: boost::filesystem::copy_file: " + reason
+                     + ": \"@/package/htdocs/a\", "
+                       "\"@/vhost/httpdocs/a\"(system:"
+                     + number + ")@/package/htdocs/a -> @/vhost/httpdocs/a");
+    };
+    const std::string denied = "Operation not permitted";
+    const std::tuple<std::string, Result, std::string> cases[] = {
+        {"close:error=EIO" + target, copy("Input/output error", "5"), "\n"},
+        {"close:error=EINTR" + target, says(0, ""), all},
+        {"read:error=EIO:when=2" + source, copy("Input/output error", "5"), "\n"},
+        {"read:error=EINTR:when=1" + source, says(0, ""), all},
+        {"write:error=ENOSPC" + target, copy("No space left on device", "28"), "\n"},
+        {"write:error=EINTR:when=1" + target, says(0, ""), all},
+        {"mkdir:error=EDQUOT", fails("Unable to create directory @/vhost/httpdocs/data"), "\n"},
+        {"getdents64:error=EIO:when=2", says(1, list), "\n"},
+        {"getdents64:error=EIO" + data, says(1, list), plain},
+        {"chmod:error=EPERM:when=1", fails("Unable to change mode for: @/vhost/httpdocs/data Error: " + denied), "\n"},
+        {"chmod:error=EPERM:when=2", says(0, ""), plain.substr(0, plain.find("d 755")) + "d 757 alice:oxacln: data\n"},
+        {"openat:error=EIO -P /etc/passwd", says(1, "Unable to getpwnam for user alice\nUser alice not found\n"), "\n"},
+        {"openat:error=EIO -P /etc/group", says(255, ""), "\n"},
+        {"setgroups:error=EPERM", says(1, "Unable to init new groups for user alice: " + denied + "\n"), "\n"},
+    };
+    for (const auto& [injection, expected, left] : cases) {
+        SCOPED_TRACE(injection);
+        const Result result = traced(injection);
+        EXPECT_EQ(result.status, expected.status);
+        EXPECT_EQ(result.err.substr(0, result.out.empty() ? std::string::npos : expected.err.size()), expected.err);
+        EXPECT_EQ(site_.listing(), left);
+        site_.shell("rm -rf vhost/httpdocs/*");
+    }
+    traced("write:retval=1:when=1" + target);  // as if one byte had gone out already
+    EXPECT_EQ(read(site_.docroot("a")), "");
+    site_.write("package/htdocs/a", "[cut short]");
+    traced("write:retval=1:when=1" + target);
+    EXPECT_EQ(read(site_.docroot("a")), "cut short]");
+}
+
+/// Whom files belong to is what the process is, whatever becomes of the name service meanwhile.
+TEST_F(Extract, AFailingNameServiceGivesNobodyMoreRights)
+{
+    package({"d/f"});
+    EXPECT_EQ(traced("openat:error=EIO:when=2+ -P /etc/passwd"), says(0, ""));
+    EXPECT_EQ(site_.listing(), "\n- 644 alice:oxacln: d/f\nd 755 alice:oxacln: d\n");
+}
+
+TEST_F(Extract, HostilePlansAreCarriedOutOrRefusedCheaply)
+{
+    const auto many = [](int count, const std::string& before, const std::string& after) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += before + std::to_string(i) + after;
+        return text;
+    };
+    std::string nested, url;
+    for (int i = 0; i < 800; ++i) {
+        url += "/a";
+        nested += "<mapping url='" + url + "'><php:permissions writable='true'/></mapping>";
+    }
+    site_.shell("mkdir -p package/flat package/a$(printf '/a%.0s' $(seq 799))\n"
+                "seq 2000 | sed 's/$/.x7/' | tee flat | (cd package/flat; xargs touch)\n"
+                "cd package/$(printf 'a/%.0s' $(seq 800)); xargs touch <${OLDPWD}/flat");
+    const std::string refused = "Invalid package metadata file format: <s:mapping> ";
+    const std::tuple<std::string, Result, std::string> cases[] = {
+        {many(250, "<mapping path='flat' url='" + std::string(1000, 'u'), "'/>"),
+         says(1, refused + "elements ask for too many files.\n"), "1 0"},
+        {"<mapping path='flat' url='d'/><mapping path='flat' url='../d'/>",
+         says(1, refused + "url leads out of the application.\n"), "1 0"},
+        {"<mapping path='flat' url='/'><cgi:handler>" + many(40'000, "<cgi:extension>x", "</cgi:extension>")
+             + "</cgi:handler></mapping>",
+         says(0, ""), "2001 2000"},
+        {nested, says(0, ""), "2801 2000"},
+    };
+    for (const auto& [mappings, expected, count] : cases) {
+        package({}, mappings);
+        EXPECT_EQ(extract({}, {0, 10}), expected) << mappings.substr(0, 99);
+        // Entries, and those that are programs or widened for the web server.
+        EXPECT_EQ(
+            run({"sh", "-c",
+                 "cd " + site_.docroot() + "; echo $(find . | wc -l) $(find . -perm /3 -type f | wc -l); rm -rf *"})
+                .out,
+            count + "\n");
+    }
+}
+
 TEST_F(Extract, CopiesEveryFileWithoutStandardStreams)
 {
     package({"sp ace", "new\nline", "quo\"te'", "\xff\xfe", "-rf", "a-b", "a.b", std::string(255, 'n'), "deep/deep/f"},
@@ -184,10 +392,11 @@ TEST_F(Extract, CopiesEveryFileWithoutStandardStreams)
     site_.shell("v=$PWD/vhost other=/var/tmp/${PWD##*/}; cd package/htdocs; touch empty; seq 200000 >large\n"
                 // Through the link the same comes from another file system.
                 "cp large $other; ln -s $other linked; seq 30000 | head -c 131072 >of128k\n"
+                "cp large holes; truncate -s 100M holes; echo middle >>holes; truncate -s 200M holes\n"
                 // Options in all their forms, and a word too many; the warning that "data" is missing goes nowhere.
                 ZENDREL_PROGRAM " --extract-application --application-full file:///$v/../package --user=alice stray"
                 " --vhost-path $v --application-sub . --metadata '' --www $v/httpdocs --skip-web 0<&- 1>&- 2>&-\n"
-                "diff -r . $v/httpdocs; rm $other");
+                "diff -r . $v/httpdocs; rm $other; test $(du -k $v/httpdocs/holes | cut -f1) -lt 3000");
 }
 
 TEST(PackagePath, IsWhatFollowsThePrefix)
@@ -203,14 +412,22 @@ TEST(PackagePath, IsWhatFollowsThePrefix)
 /// and nothing is opened for it or connected to before that but what reading needs.
 TEST_F(Extract, RootChangesNothing)
 {
-    package({"f", "data/s"}, kWithData);
+    package({"f", "data/s"}, kWithData + std::string("<configuration-script-language>binary"));
+    site_.shell("sed -i 's/>binary/&<\\/configuration-script-language>/' package/APP-META.xml");
     site_.write("list", site_.list({"f", "data/s"}));
-    for (const auto& [command, change] : {std::pair(site_.extract(), " mkdir("), {site_.remove(), " unlink"}}) {
+    site_.write("package/scripts/configure", "#!/bin/sh\n: >$2", 0755);
+    const Words script = {
+        "--run-application-script", site_.extract()[1],   "--script-name=install", "--user-name=alice",
+        "--script-file-name=",      "--script-language=", site_.docroot("made")};
+    for (const auto& [command, change] :
+         {std::pair(site_.extract(), " mkdir("), {site_.remove(), " unlink"}, {script, "httpdocs/made\", O_WRONLY"}}) {
         // The leak check cannot run under a tracer.
         site_.shell("ASAN_OPTIONS=detect_leaks=0 strace -fs999 -o trace " ZENDREL_PROGRAM " "
                     + boost::join(command, " ") + " <list");
         const std::string text = read(site_.path("trace"));
-        const auto uid = text.find("setuid(28001)", text.find("setgid(28010)", text.find("setgroups(1, [28010])")));
+        const auto closed = text.find("close_range(3, ");
+        const auto uid =
+            text.find("setuid(28001)", text.find("setgid(28010)", text.find("setgroups(1, [28010])", closed)));
         ASSERT_NE(text.find(change, uid), std::string::npos) << text;
         for (const char* call : {"O_CREAT", "O_WRONLY", "O_RDWR", " mkdir", " rmdir", " unlink", " rename", "chmod",
                                  "chown", " link", " symlink", "truncate", " mknod", "setxattr", " socket(AF_INET"})
