@@ -1,7 +1,5 @@
 #pragma once
 
-#include "app/FileList.h"
-
 #include <cstddef>
 #include <iosfwd>
 #include <memory>
@@ -10,6 +8,9 @@
 #include <vector>
 
 namespace tarvik {
+
+/// Section of a listed file. The values take part in the order of removal.
+enum InstallSection { CgiBin = 0, Htdocs = 1 };
 
 /// One file or directory of an instance. Its texts belong to the list it is in.
 class InstanceFile {
