@@ -155,14 +155,14 @@ struct ConfigSource {
 /// Where a mapping lies below the document root and in the site's URLs.
 std::string site_path(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
 {
-    require_inner_url(mapping.url);
     return plain(source.suffix, "--application-subdirectory")
         + plain(mapping.url, kMapping, " in its url");
 }
 
-/// @return the lines for one mapping; empty when it asks for nothing and so is not checked.
+/// @return the lines for one mapping; empty when it asks for nothing.
 std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
 {
+    require_inner_url(mapping.url);
     if (!mapping.redirect.empty()) {
         // Within the site's URLs, so without the document root.
         const std::string path = site_path(mapping, source);
@@ -205,10 +205,11 @@ bool write_config(TmpFile& file, const FSAMetaDataReader& metadata, const Config
     return written;
 }
 
+/// @param directory  empty for the working directory.
 /// @return false when the directory was not there and was not created.
 bool provide_directory(const fs::path& directory)
 {
-    return fs::exists(directory) || fs::create_directory(directory);
+    return directory.empty() || fs::exists(directory) || fs::create_directory(directory);
 }
 
 void remove_if_there(const std::string& path)
