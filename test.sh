@@ -1,11 +1,22 @@
 #!/bin/sh
 # Installs what is missing, builds the program twice (hardened release; with sanitizers), checks form
 # and runs all tests in both builds. Needs root. Ends with the test runner's closing lines.
+#
+#   test.sh [--fuzz]
+#
+#   --fuzz  instead, look for inputs that break what reads foreign data, a minute for each reader.
 set -eu
 cd "$(dirname "$0")"
 
 say() { printf '\n== %s\n' "$*"; }
 
+case "$# $*" in
+    '0 ' | '1 --fuzz') ;;
+    *)
+        echo "usage: ./test.sh [--fuzz]" >&2
+        exit 2
+        ;;
+esac
 if [ "$(id -u)" -ne 0 ]; then
     echo "test.sh: must be run as root: the tests switch between users" >&2
     exit 1
@@ -14,6 +25,8 @@ fi
 packages="g++ cmake make pkg-config clang-format clang-tidy shellcheck strace
     libboost-filesystem-dev libboost-program-options-dev libxml2-dev libgtest-dev
     apache2-bin libapache2-mod-php php-cli perl curl"
+[ $# -eq 0 ] || packages="cmake make clang libclang-rt-14-dev
+    libboost-filesystem-dev libboost-program-options-dev libxml2-dev"
 missing=
 for package in $packages; do
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
@@ -25,8 +38,13 @@ if [ -n "$missing" ]; then
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >/dev/null
 fi
 
+if [ $# -ne 0 ]; then
+    say "Fuzzing"
+    exec fuzz/run.sh
+fi
+
 jobs=$(nproc)
-sources=$(find app common clib sys tests examples bench -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
+sources=$(find app common clib sys tests examples bench fuzz -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
 
 say "Form: clang-format, shellcheck"
 # shellcheck disable=SC2086
