@@ -15,10 +15,10 @@ namespace {
 constexpr TSLProcess kNoProcess = {-1, 0};
 
 /// Without hooks nothing happens between fork and exec that a caller had to be copied for.
-/// @return the child; -1 when it needs a fork, which then meets what went wrong.
+/// @return the child; -1 when that failed, so that a fork meets what went wrong.
 pid_t start_without_hooks(const TExec& exec)
 {
-    return exec.prepare() ? -1 : spawn_v(exec.args(), (exec.mode() & path_mode).any());
+    return spawn_v(exec.args(), (exec.mode() & path_mode).any());
 }
 
 /// @return the exit code of a child that ends; -1 when it does not exit by itself.
@@ -69,14 +69,14 @@ TSLProcess TExec::execute()
 {
     if (args_.empty())
         throw TEArgs::TEArgsError(bad_args_m, args_);
-    const Handle<TPrepare> kept = prepare_;  // for a hook that replaces the hooks
+    const Handle<TPrepare> kept = prepare_;  // a hook may replace the hooks, for the next run
     TPrepare none;
     TPrepare& hooks = kept ? *kept : none;
     if ((mode_ & fork_mode).none())
         return replace_image(hooks);
 
     hooks.bef_fork(*this);
-    pid_t child = start_without_hooks(*this);
+    pid_t child = kept ? -1 : start_without_hooks(*this);
     if (child < 0)
         child = ::fork();
     if (child < 0) {

@@ -34,6 +34,7 @@ public:
      * Hooks around fork and exec. `execute` calls, in this order:
      *   bef_fork, then in the parent aft_fork4p, and in the child aft_fork4d, bef_exec;
      *   fork_failed or exec_failed only when that happens. Without fork: bef_exec, exec_failed.
+     * A hook may change the invocation; hooks that it replaces see the run to its end all the same.
      * What one throws leaves `execute` in the process it was thrown in.
      */
     class TPrepare {

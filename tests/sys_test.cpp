@@ -136,6 +136,12 @@ struct Telling : TExec::TPrepare {
     bool exec_failed(TExec&) override { return ask("exec_failed" + name); }
 };
 
+/// Takes itself away, which is for the next run.
+struct Leaving : TExec::TPrepare {
+    void bef_fork(TExec& exec) override { exec = exec * Handle<TPrepare>(); }
+    void aft_fork4d(TExec&) override { _exit(7); }
+};
+
 struct HookCase {
     const char* why;
     TExec exec;
@@ -185,6 +191,9 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
     TExec emptied = cases[2].exec * Handle<TExec::TPrepare>();
     emptied += emptied.prepare();
     EXPECT_TRUE(emptied.prepare()->exec_failed(emptied));
+    TExec left = sh("exit 3") * make_prepare<Leaving>();
+    EXPECT_EQ(left.execute().exit_code, 7);
+    EXPECT_EQ(left.execute().exit_code, 3);
 }
 
 TEST(Redirections, ArrangeDescriptorsInWrittenOrder)
