@@ -11,6 +11,7 @@ namespace tarvik::sys {
 namespace {
 
 constexpr mode_t kNewFile = 0664;
+constexpr int kFirstAfterStreams = STDERR_FILENO + 1;
 constexpr int kFirstOutOfTheWay = 10;  // shells, too, leave the numbers below to redirections
 
 /// Gives a descriptor the number `target`. That is closed first and stays so when there is none.
@@ -30,12 +31,17 @@ TDescriptor open_file(const std::string& path, int flags)
     return TDescriptor(retried([&] { return ::open(path.c_str(), flags, kNewFile); }));
 }
 
-TDescriptor out_of_the_way(const TDescriptor& fd)
+/// As far as the limit on descriptors allows, but never among the standard streams.
+TDescriptor out_of_the_way(TDescriptor fd)
 {
-    TDescriptor moved(::fcntl(fd.get(), F_DUPFD_CLOEXEC, kFirstOutOfTheWay));
-    if (!moved)
+    for (const int first : {kFirstOutOfTheWay, kFirstAfterStreams}) {
+        TDescriptor moved(::fcntl(fd.get(), F_DUPFD_CLOEXEC, first));
+        if (moved)
+            return moved;
+    }
+    if (fd.get() < kFirstAfterStreams)
         throw TSysCallErr(errno);
-    return moved;
+    return fd;
 }
 
 void become_input(TPipe& pipe)
@@ -168,10 +174,10 @@ void TPipe::open()
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
         throw TSysCallErr(errno);
-    const TDescriptor low_read_end(ends[0]);
-    const TDescriptor low_write_end(ends[1]);
-    read_end = out_of_the_way(low_read_end);
-    write_end = out_of_the_way(low_write_end);
+    TDescriptor low_read_end(ends[0]);
+    TDescriptor low_write_end(ends[1]);
+    read_end = out_of_the_way(std::move(low_read_end));
+    write_end = out_of_the_way(std::move(low_write_end));
 }
 
 void TReadOut::bef_fork(TExec&)

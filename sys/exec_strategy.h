@@ -83,7 +83,8 @@ private:
 struct TPipe {
     TDescriptor read_end, write_end;
 
-    /// Replaces it by a new one, out of the way of the descriptors that one redirects by number.
+    /// Replaces it by a new one, out of the way of the descriptors that one redirects by number
+    /// unless the limit on descriptors leaves no room there.
     /// @throws TSysCallErr
     void open();
 };

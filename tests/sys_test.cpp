@@ -269,16 +269,21 @@ TEST(Pipelines, CarryMoreThanAPipeHoldsAndLeaveNothingOpen)
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST(Pipelines, WorkWithoutTheStandardStreams)
+TEST(Pipelines, WorkWithoutStandardStreamsAndTheDescriptorsFromTen)
 {
     EXPECT_EQ(in_child([] {
                   const TExec cat({"cat"}), from_file = cat < "/proc/sys/kernel/ostype";
-                  close(STDIN_FILENO);
-                  std::cerr << captured(from_file | cat) << captured((cat << "text") | (cat | cat)) << std::flush;
-                  close(STDOUT_FILENO);
-                  std::cerr << captured(from_file | cat) << captured((cat << "text") | (cat | cat));
+                  closefrom(3);
+                  for (const int number : {-1, STDIN_FILENO, STDOUT_FILENO}) {
+                      close(number);
+                      for (const rlim_t limit : {7, 1024}) {  // the standard streams and two pipes; enough
+                          const rlimit limits = {limit, 1024};
+                          setrlimit(RLIMIT_NOFILE, &limits);
+                          std::cerr << captured(from_file | cat) << captured((cat << "text") | (cat | cat)) << ' ';
+                      }
+                  }
               }),
-              says(0, "Linux\ntextLinux\ntext"));
+              says(0, "Linux\ntext Linux\ntext Linux\ntext Linux\ntext Linux\ntext Linux\ntext "));
 }
 
 TEST(CapturedOutput, JudgesTheLastProgram)
