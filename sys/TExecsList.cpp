@@ -26,6 +26,23 @@ std::string read_all(int fd)
     return text;
 }
 
+/// Closes the pipes of a run that is over. Where somebody could not be started, they may be open,
+/// and who reads or writes the other end would wait for ever.
+class ClosedInTheEnd {
+public:
+    explicit ClosedInTheEnd(const std::vector<Handle<TPipe>>& pipes) : pipes_(pipes) { }
+    ClosedInTheEnd(const ClosedInTheEnd&) = delete;
+    ClosedInTheEnd& operator=(const ClosedInTheEnd&) = delete;
+    ~ClosedInTheEnd()
+    {
+        for (const Handle<TPipe>& pipe : pipes_)
+            *pipe = TPipe();
+    }
+
+private:
+    const std::vector<Handle<TPipe>>& pipes_;
+};
+
 [[noreturn]] void throw_child_failed(const char* what, int value, const std::string& output)
 {
     throw std::runtime_error(std::string("child failed (") + what + "=" + std::to_string(value)
@@ -36,6 +53,7 @@ std::string read_all(int fd)
 
 TSLProcess TExecsList::execute()
 {
+    const ClosedInTheEnd closed(pipes_);
     TSLProcess last;
     for (TExec& exec : execs_)
         last = exec.execute();
@@ -45,6 +63,7 @@ TSLProcess TExecsList::execute()
 TExecsList operator,(TExecsList left, const TExecsList& right)
 {
     left.execs_.insert(left.execs_.end(), right.execs_.begin(), right.execs_.end());
+    left.pipes_.insert(left.pipes_.end(), right.pipes_.begin(), right.pipes_.end());
     return left;
 }
 
@@ -55,6 +74,7 @@ TExecsList operator|(TExecsList left, TExecsList right)
         left.back() += make_prepare<TWriteToPipeline>(pipe);
         right.front() += make_prepare<TReadFromPipeline>(pipe);
         left.front() = left.front() & ~wait_mode;  // the first, even where the last one writes
+        left.pipes_.push_back(pipe);
     }
     return left, right;
 }

@@ -27,6 +27,7 @@ public:
 
     /**
      * Runs each in order. One that could not be started and only says so does not stop the next.
+     * In the end the caller has no pipe of the list open, also when this throws.
      * @return what came of the last one; (0, 0) for an empty list.
      * @throws what TExec::execute does; that ends the run, and what runs by then goes on unwaited.
      */
@@ -34,8 +35,10 @@ public:
 
 private:
     friend TExecsList operator,(TExecsList left, const TExecsList& right);
+    friend TExecsList operator|(TExecsList left, TExecsList right);
 
     std::vector<TExec> execs_;
+    std::vector<Handle<TPipe>> pipes_;  // between those, shared with their hooks
 };
 
 /// A sequence: those of the left, then those of the right. Binds weaker than `<<=`.

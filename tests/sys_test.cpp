@@ -142,6 +142,10 @@ struct Leaving : TExec::TPrepare {
     void aft_fork4d(TExec&) override { _exit(7); }
 };
 
+struct Refusing : TExec::TPrepare {
+    void bef_fork(TExec&) override { throw TError("refused"); }
+};
+
 struct HookCase {
     const char* why;
     TExec exec;
@@ -265,6 +269,11 @@ TEST(Pipelines, CarryMoreThanAPipeHoldsAndLeaveNothingOpen)
         EXPECT_EQ(captured(list), open_in_child);
     const TExec busy = cat & TRedirect(3, 2) & TRedirect(4, 2) & TRedirect(5, 2) & TRedirect(6, 2);
     EXPECT_EQ(captured((busy << "x") | (busy | busy)), "x");
+    {
+        TExecsList refused = large | (cat * make_prepare<Refusing>());
+        EXPECT_EQ(error_of([&] { refused.execute(); }), "refused");
+        EXPECT_EQ(open_descriptors(), before);
+    }
     while (wait(nullptr) > 0) { }  // the writers above lost their reader, so they end
     EXPECT_EQ(open_descriptors(), before);
 }
