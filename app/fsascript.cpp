@@ -181,12 +181,6 @@ int run_and_wait(const Strings& words)
     return result;
 }
 
-void move_descriptor(int source, int target)
-{
-    if (dup2_custom(source, target) != 0)
-        throwSystemError("dup2Custom failed", errno);
-}
-
 bool give_up(int terminal)
 {
     return ::ioctl(terminal, TIOCNOTTY) == 0;
@@ -226,9 +220,8 @@ void give_up_keys()
                              const ArgList& arguments, const std::string& userName,
                              const std::map<std::string, std::string>& environment)
 {
-    move_descriptor(input, STDIN_FILENO);
-    move_descriptor(output, STDOUT_FILENO);
-    move_descriptor(error, STDERR_FILENO);
+    if (dup2_streams(input, output, error) != 0)
+        throwSystemError("dup2Custom failed", errno);
     ::closefrom(kFirstToClose);
     if (!userName.empty() && p_setuid(userName.c_str()) != 0)
         throwSystemError("forkExecvPipes: p_setuid() to '" + userName + "' failed", errno);

@@ -19,9 +19,7 @@ constexpr int kLogWarning = 4;
 [[noreturn]] void run_child(int input, int output, int error, const char* path,
                             char* const arguments[])
 {
-    const bool moved = dup2_custom(input, STDIN_FILENO) == 0
-        && dup2_custom(output, STDOUT_FILENO) == 0 && dup2_custom(error, STDERR_FILENO) == 0;
-    if (moved) {
+    if (dup2_streams(input, output, error) == 0) {
         closefrom(STDERR_FILENO + 1);
         errno = 0;
         execv(path, arguments);
@@ -76,10 +74,31 @@ int dup2_custom(int source, int target)
         source = open("/dev/null", O_RDWR);
         if (source == target)  // the number was free, and the open took it
             return 0;
+        if (source < 0)
+            return -1;
     }
-    if (source < 0 || dup2(source, target) < 0)
+    if (dup2(source, target) < 0)
         return -1;
     static_cast<void>(close(source));
+    return 0;
+}
+
+int dup2_streams(int input, int output, int error)
+{
+    int sources[] = {input, output, error};
+    for (int target = STDIN_FILENO; target <= STDERR_FILENO; ++target) {
+        int& source = sources[target];
+        if (source == -1 || source == target)
+            continue;
+        source =
+            fcntl(source, F_DUPFD, STDERR_FILENO + 1);  // a move closes or replaces the others'
+        if (source < 0)
+            return -1;
+    }
+    for (int target = STDIN_FILENO; target <= STDERR_FILENO; ++target) {
+        if (dup2_custom(sources[target], target) != 0)
+            return -1;
+    }
     return 0;
 }
 

@@ -23,6 +23,14 @@ int fork_exec_waitpid(pid_t pid, const char* label, int* status);
 int dup2_custom(int source, int target);
 
 /**
+ * Gives this process its standard streams. The three may be one descriptor or each other's numbers.
+ * @param input, output, error  -1 stands for "/dev/null"; whatever else is above 2 stays open, too,
+ *        for the caller to close.
+ * @return 0; -1 with `errno`.
+ */
+int dup2_streams(int input, int output, int error);
+
+/**
  * Runs a program in a child that has the three descriptors as its standard streams and no other
  * open. A failure in the child is printed on its standard error, exit status 255; a failed fork
  * ends the calling process.

@@ -1,4 +1,5 @@
 #include "app/fsascript.h"
+#include "clib/forkexec.h"
 #include "tests/support/Sandbox.h"
 
 #include <fcntl.h>
@@ -204,16 +205,37 @@ TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)
     }
 }
 
-TEST(ForkExecvPipes, SwitchesUserAndSetsTheEnvironment)
+TEST(ForkExecvPipes, SetsStreamsUserAndEnvironment)
 {
-    EXPECT_EQ(in_child([] {
-                  tarvik::ArgList words;
-                  for (const char* word : {"sh", "-c", "id -un; echo $HOME; head -c 4"})
-                      words.append(word);
-                  const int in = open("/etc/passwd", O_RDONLY);
-                  waitpid(tarvik::forkExecvPipes(in, 1, 2, "sh", words, "bob", {{"HOME", "new"}}), nullptr, 0);
-              }),
-              (Result {0, "bob\nnew\nroot", "", 0}));
+    struct Case {
+        const char* why;
+        int in, out, err;
+        Result result;
+    };
+    const Case cases[] = {
+        {"its own", 50, 1, 2, {0, "bob new root", "err", 0}},
+        {"both to standard output", 50, 1, 1, {0, "bob new rooterr", "", 0}},
+        {"both to another", 50, 51, 51, {0, "bob new rooterr", "", 0}},
+        {"exchanged", 50, 2, 1, {0, "err", "bob new root", 0}},
+        {"no such input", -2, 1, 2,
+         says_twice(1, "Fatal error: tarvik::SystemError(dup2Custom failed: Bad file descriptor)\n")},
+    };
+    for (const Case& c : cases) {
+        static const Case* current = nullptr;
+        current = &c;
+        EXPECT_EQ(in_child([] {
+                      tarvik::ArgList words;
+                      for (const char* word : {"sh", "-c", "printf \"$(id -un) $HOME $(head -c 4)\"; printf err >&2"})
+                          words.append(word);
+                      dup2(open("/etc/passwd", O_RDONLY), 50);
+                      dup2(STDOUT_FILENO, 51);
+                      const pid_t child = tarvik::forkExecvPipes(current->in, current->out, current->err, "sh", words,
+                                                                 "bob", {{"HOME", "new"}});
+                      std::_Exit(fork_exec_waitpid(child, "", nullptr));
+                  }),
+                  c.result)
+            << c.why;
+    }
 }
 
 }  // namespace
