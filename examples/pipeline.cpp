@@ -2,8 +2,6 @@
 #include "common/TmpFile.h"
 #include "sys/TExecsList.h"
 
-#include <unistd.h>
-
 #include <iostream>
 #include <stdexcept>
 
@@ -11,28 +9,29 @@ using namespace tarvik::sys;
 
 namespace {
 
-/// Ends a child whose program cannot be started. Without it, that child goes on in our code.
-class TExitWithoutProgram : public TExec::TPrepare {
-public:
-    bool exec_failed(TExec&) override { ::_exit(127); }
-};
+/// Without the hook, a child whose program cannot be started goes on in our code.
+TExec program(const TEArgs& args)
+{
+    return TExec(args) * exit_without_program();
+}
 
 void count_words()
 {
-    const TExec words = TExec({"tr", "-s", " ", "\\n"}) << "to be or not to be that is to say\n";
-    const TExec sorted({"sort"}), counted({"uniq", "-c"}), most({"sort", "-rn"});
+    const TExec words = program({"tr", "-s", " ", "\\n"}) << "to be or not to be that is to say\n";
+    const TExec sorted = program({"sort"}), counted = program({"uniq", "-c"});
+    const TExec most = program({"sort", "-rn"}), first_two = program({"head", "-n", "2"});
     std::string output;
-    output <<= words | (sorted | (counted | (most | TExec({"head", "-n", "2"}))));
+    output <<= words | (sorted | (counted | (most | first_two)));
     std::cout << "most frequent:\n" << output;
 }
 
 void write_and_read_a_file()
 {
     const tarvik::TmpFile file("/tmp/pipeline.", true);
-    const TExec first({"echo", "first"}), second({"echo", "second"}), both({"cat"});
+    const TExec first = program({"echo", "first"}), second = program({"echo", "second"});
     const TSLProcess last = (first > file.name(), second >> file.name()).execute();
     std::string output;
-    output <<= both < file.name();
+    output <<= program({"cat"}) < file.name();
     std::cout << "exit code " << last.exit_code << ", written:\n" << output;
 }
 
@@ -40,7 +39,7 @@ void show_errors()
 {
     std::string output;
     try {
-        output <<= TExec({"sh", "-c", "echo half; exit 3"});
+        output <<= program({"sh", "-c", "echo half; exit 3"});
     } catch (const std::runtime_error& e) {
         std::cout << e.what();
     }
@@ -49,9 +48,8 @@ void show_errors()
     } catch (const TEArgs::TEArgsError& e) {
         std::cout << e.what() << " in the arguments of " << e.args()[0] << '\n';
     }
-    TExec missing({"no-such-program"});
-    missing += make_prepare<TExitWithoutProgram>();
-    std::cout << "no such program: exit code " << missing.execute().exit_code << '\n';
+    std::cout << "no such program: exit code " << program({"no-such-program"}).execute().exit_code
+              << '\n';
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace tarvik::sys {
 namespace {
 
 constexpr mode_t kNewFile = 0664;
+constexpr int kNotFound = 127;  // as shells say it
 constexpr int kFirstAfterStreams = STDERR_FILENO + 1;
 constexpr int kFirstOutOfTheWay = 10;  // shells, too, leave the numbers below to redirections
 
@@ -55,6 +56,16 @@ void become_output(TPipe& pipe)
     pipe.read_end.reset();
     move_onto(std::move(pipe.write_end), STDOUT_FILENO);
 }
+
+class TExitWithoutProgram : public TExec::TPrepare {
+public:
+    bool exec_failed(TExec& exec) override
+    {
+        if ((exec.mode() & fork_mode).any())
+            ::_exit(kNotFound);
+        return true;
+    }
+};
 
 /// Writes the text to the pipe and ends, without touching what the caller's streams have buffered.
 [[noreturn]] void feed(TPipe& pipe, const std::string& text)
@@ -218,6 +229,11 @@ void TReadFromPipeline::aft_fork4p(TExec&)
 void TReadFromPipeline::aft_fork4d(TExec&)
 {
     become_input(*pipe_);
+}
+
+Handle<TExec::TPrepare> exit_without_program()
+{
+    return make_prepare<TExitWithoutProgram>();
 }
 
 TExec& operator+=(TExec& exec, const Handle<TExec::TPrepare>& prepare)

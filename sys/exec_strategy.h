@@ -135,6 +135,12 @@ Handle<TExec::TPrepare> make_prepare(Arguments&&... arguments)
         std::make_unique<Prepare>(std::forward<Arguments>(arguments)...));
 }
 
+/**
+ * @return a hook that ends the child with status 127 when its program cannot be started, so that
+ *         the caller's code does not go on there. Without `fork_mode` the failure is thrown.
+ */
+Handle<TExec::TPrepare> exit_without_program();
+
 /// Adds a hook after those that are there, in place.
 TExec& operator+=(TExec& exec, const Handle<TExec::TPrepare>& prepare);
 

@@ -112,6 +112,9 @@ TEST(TExec, ReturnsTheChildAndItsExitCode)
                   std::cout << error_of([] { _exit((sh("") ^ path_mode).execute().exit_code); });  // told by the child
               }),
               (Result {0, "No such file or directory", "", 0}));
+    TExec missing = (sh("") ^ path_mode) * exit_without_program();
+    EXPECT_EQ(missing.execute().exit_code, 127);
+    EXPECT_EQ(error_of([&] { (missing ^ fork_mode).execute(); }), "No such file or directory");
     const pid_t invalid = std::numeric_limits<pid_t>::min();
     EXPECT_EQ(error_of([&] { wait_process(invalid); }), "waitpid() failed: No such process");
 }
