@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 
@@ -53,10 +54,20 @@ private:
 
 TSLProcess TExecsList::execute()
 {
+    std::vector<pid_t> unwaited;
+    return execute(unwaited);
+}
+
+TSLProcess TExecsList::execute(std::vector<pid_t>& unwaited)
+{
+    unwaited.reserve(unwaited.size() + execs_.size());  // so that no child's name is lost
     const ClosedInTheEnd closed(pipes_);
     TSLProcess last;
-    for (TExec& exec : execs_)
+    for (TExec& exec : execs_) {
         last = exec.execute();
+        if (last.pid > 0 && (exec.mode() & wait_mode).none())
+            unwaited.push_back(last.pid);
+    }
     return last;
 }
 
@@ -118,6 +129,13 @@ TExecsList operator&(TExecsList list, const TRedirectToFile& redirect)
 
 void execGetOutput(std::string& output, int& status, const TExecsList& list)
 {
+    std::vector<pid_t> unwaited;
+    execGetOutput(output, status, list, unwaited);
+}
+
+void execGetOutput(std::string& output, int& status, const TExecsList& list,
+                   std::vector<pid_t>& unwaited)
+{
     if (list.empty())
         return;
     auto owned = std::make_unique<TReadOut>();
@@ -127,9 +145,11 @@ void execGetOutput(std::string& output, int& status, const TExecsList& list)
     copy += hook;
     for (TExec& exec : copy)
         exec = exec & ~wait_mode;
-    const TSLProcess last = copy.execute();
+    const TSLProcess last = copy.execute(unwaited);
     output = read_all(read_out.read_end());  // before the wait: it may be more than a pipe holds
     status = wait_process(last.pid);
+    if (!WIFSTOPPED(status))
+        unwaited.erase(std::remove(unwaited.begin(), unwaited.end(), last.pid), unwaited.end());
 }
 
 std::string& operator<<=(std::string& output, const TExecsList& list)

@@ -3,6 +3,8 @@
 #include "sys/TExec.h"
 #include "sys/exec_strategy.h"
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -32,6 +34,9 @@ public:
      * @throws what TExec::execute does; that ends the run, and what runs by then goes on unwaited.
      */
     TSLProcess execute();
+    /// The same. @param unwaited  each child that nobody has waited for is appended, in order, also
+    /// when this throws: for wait_process, which gives its raw status.
+    TSLProcess execute(std::vector<pid_t>& unwaited);
 
 private:
     friend TExecsList operator,(TExecsList left, const TExecsList& right);
@@ -68,6 +73,9 @@ TExecsList operator&(TExecsList list, const TRedirectToFile& redirect);
  * @throws what TExec::execute and wait_process do.
  */
 void execGetOutput(std::string& output, int& status, const TExecsList& list);
+/// The same. @param unwaited  as in TExecsList::execute; the last program is one if it has stopped.
+void execGetOutput(std::string& output, int& status, const TExecsList& list,
+                   std::vector<pid_t>& unwaited);
 
 /**
  * Runs with the output captured into `output`, which has it also when this throws.

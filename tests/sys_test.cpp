@@ -253,6 +253,22 @@ TEST(TExecsList, RunsInOrderAndAttachesToTheLast)
     EXPECT_EQ(read(out), "last");
 }
 
+TEST(TExecsList, NamesWhatNobodyHasWaitedFor)
+{
+    std::vector<pid_t> unwaited;
+    const TExec one = sh("exit 1"), two = sh("exit 2"), stops = sh("exec >&-; kill -STOP $$");
+    EXPECT_EQ(((one, two) | (two | (one, two))).execute(unwaited).exit_code, 2);
+    EXPECT_EQ(error_of([&] { (two | (one * make_prepare<Refusing>())).execute(unwaited); }), "refused");
+    std::string output, statuses;
+    int status = 0;
+    execGetOutput(output, status, (one, one), unwaited);
+    execGetOutput(output, status, stops, unwaited);
+    kill(unwaited.back(), SIGKILL);
+    for (const pid_t pid : unwaited)
+        statuses += xtos(unsigned(wait_process(pid))) + " ";
+    EXPECT_EQ(statuses, "256 512 512 256 9 ");
+}
+
 TEST(Pipelines, CarryMoreThanAPipeHoldsAndLeaveNothingOpen)
 {
     const auto before = open_descriptors();
