@@ -11,8 +11,6 @@ constexpr std::size_t kUsualStrings = 10;
 
 }  // namespace
 
-const TEArgs el;
-
 TEArgs::TEArgs() : rep_(std::make_unique<TRep>())
 {
     rep_->reserve(kUsualStrings);

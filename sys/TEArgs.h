@@ -71,7 +71,7 @@ public:
     TOverflow(const TEArgs& args, std::size_t added);
 };
 
-/// The empty vector, to start from.
-extern const TEArgs el;
+/// The empty vector, to start from. Ready for static objects of every file that includes this one.
+inline const TEArgs el;
 
 }  // namespace tarvik::sys
