@@ -72,6 +72,8 @@ public:
     TSLProcess execute();
 
     friend TExec operator&(const TExec& exec, TMode bits);
+    /// A number would be taken for bits, where `2` is meant as a descriptor, as in "2>&1".
+    friend TExec operator&(const TExec& exec, int bits) = delete;
     friend TExec operator|(const TExec& exec, TMode bits);
     friend TExec operator^(const TExec& exec, TMode bits);
     /// Replaces the mode.

@@ -14,6 +14,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <iostream>
 
 using namespace sandbox;
@@ -22,7 +23,7 @@ using namespace tarvik::sys;
 
 namespace {
 
-const TEArgs kEarly = el;  // before the library's own files have theirs
+const TEArgs kEarly = el;                  // before the library's own files have theirs
 const std::string kLarge(3'000'000, 'x');  // more than pipes hold
 
 TExec sh(const std::string& script) { return TExec({"sh", "-c", script}); }
@@ -88,6 +89,8 @@ std::string modes(TExecsList list)
         text += xtos(exec.mode().to_ulong());
     return text;
 }
+
+static_assert(!std::is_invocable_v<std::bit_and<>, TExec, int>, "exec & 2 is no redirection");
 
 TEST(TExec, CombinesModeBits)
 {
