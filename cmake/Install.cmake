@@ -11,23 +11,25 @@ install(TARGETS zendrel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 # Found from where the file lies, so that the tree may be moved.
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 
-function(zendrel_install folder description requires libs)
-    target_include_directories(zendrel_${folder} INTERFACE $<INSTALL_INTERFACE:${headers}>)
-    target_compile_definitions(zendrel_${folder}
+install(DIRECTORY common clib sys app DESTINATION ${headers} FILES_MATCHING PATTERN *.h)
+
+function(zendrel_install name description requires libs)
+    target_include_directories(zendrel_${name} INTERFACE $<INSTALL_INTERFACE:${headers}>)
+    target_compile_definitions(zendrel_${name}
         INTERFACE $<INSTALL_INTERFACE:BOOST_FILESYSTEM_VERSION=3>)  # as it was built
-    target_compile_features(zendrel_${folder} PUBLIC cxx_std_17)
-    set_target_properties(zendrel_${folder} PROPERTIES EXPORT_NAME ${folder})
-    install(TARGETS zendrel_${folder} EXPORT zendrel DESTINATION ${CMAKE_INSTALL_LIBDIR})
-    install(DIRECTORY ${folder} DESTINATION ${headers} FILES_MATCHING PATTERN *.h)
-    configure_file(cmake/zendrel.pc.in zendrel-${folder}.pc @ONLY)
-    install(FILES ${PROJECT_BINARY_DIR}/zendrel-${folder}.pc
+    target_compile_features(zendrel_${name} PUBLIC cxx_std_17)
+    set_target_properties(zendrel_${name} PROPERTIES EXPORT_NAME ${name})
+    install(TARGETS zendrel_${name} EXPORT zendrel DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    configure_file(cmake/zendrel.pc.in zendrel-${name}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/zendrel-${name}.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 
-zendrel_install(common "errors and temporary files" "libxml-2.0" "")
+zendrel_install(common "errors and temporary files" "" "")
+zendrel_install(xml "reading hostile XML" "libxml-2.0" "")
 zendrel_install(clib "the panel's C functions" "" "")
 zendrel_install(sys "running programs, pipelines and redirections" "zendrel-common" "")
-zendrel_install(app "deploying packaged web applications" "zendrel-common zendrel-clib"
+zendrel_install(app "deploying packaged web applications" "zendrel-common zendrel-xml zendrel-clib"
     "-lboost_filesystem -lboost_program_options")
 
 install(EXPORT zendrel NAMESPACE zendrel:: FILE zendrelTargets.cmake DESTINATION ${package})
