@@ -1,5 +1,5 @@
-# What other programs build on: the libraries, their headers as they include each other, a CMake
-# package and pkg-config files.
+# What other programs build on: the libraries, their headers below "zendrel/", a CMake package and
+# pkg-config files.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
@@ -12,9 +12,12 @@ install(TARGETS zendrel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 
 install(DIRECTORY common clib sys app DESTINATION ${headers} FILES_MATCHING PATTERN *.h)
+install(CODE "set(headers \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${headers}\")")
+install(SCRIPT cmake/InstallHeaders.cmake)
 
 function(zendrel_install name description requires libs)
-    target_include_directories(zendrel_${name} INTERFACE $<INSTALL_INTERFACE:${headers}>)
+    target_include_directories(zendrel_${name}
+        INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_compile_definitions(zendrel_${name}
         INTERFACE $<INSTALL_INTERFACE:BOOST_FILESYSTEM_VERSION=3>)  # as it was built
     target_compile_features(zendrel_${name} PUBLIC cxx_std_17)

@@ -1,6 +1,6 @@
 // What a shell would do, as values of C++: counts the words of a text, and shows what goes wrong.
-#include "common/TmpFile.h"
-#include "sys/TExecsList.h"
+#include <zendrel/common/TmpFile.h>
+#include <zendrel/sys/TExecsList.h>
 
 #include <iostream>
 #include <stdexcept>

@@ -1,14 +1,18 @@
 #!/bin/sh
 # install_test.sh BUILD_DIR SOURCE_DIR FLAGS: installs into an empty folder, builds the example there
-# in both ways that a program finds the libraries, and runs it. There is no libxml2.
+# in both ways that a program finds the libraries, and runs it. There is no libxml2, and the program
+# has headers of its own with the names of ours.
 set -eu
 build=$1 source=$2
-export CXXFLAGS="-Wall -Werror $3"
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cmake --install "$build" --prefix "$dir/moved" >/dev/null
 mv "$dir/moved" "$dir/usr" # nothing may depend on where it was installed
-mkdir "$dir/user"
+mkdir -p "$dir/user/common" "$dir/user/sys"
+for header in common/misc.h sys/TExec.h; do
+    echo '#error not ours' >"$dir/user/$header"
+done
+export CXXFLAGS="-Wall -Werror -I$dir/user $3"
 cp "$source/examples/pipeline.cpp" "$source/examples/CMakeLists.txt" "$dir/user"
 cd "$dir/user"
 
