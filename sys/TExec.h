@@ -67,7 +67,8 @@ public:
      * ends the child in `exec_failed`.
      * @return the child and its exit code.
      * @throws TEArgs::TEArgsError `bad_args_m` for no arguments, before any hook.
-     * @throws TSysCallErr when fork, exec or the wait fails, as far as the hooks let it.
+     * @throws TSysCallErr when fork, exec or the wait fails, as far as the hooks let it. The wait
+     *         fails with ECHILD, once the child has ended, where SIGCHLD is ignored.
      */
     TSLProcess execute();
 

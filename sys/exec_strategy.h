@@ -8,6 +8,7 @@
 #include <utility>
 
 /// Redirections: hooks that arrange a child's descriptors, and the operators that attach them.
+/// Without `fork_mode` there is no child, and they have no effect.
 namespace tarvik::sys {
 
 /// Runs every hook of the first, then of the second; either may be empty. Whether a failure is
