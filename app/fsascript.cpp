@@ -5,33 +5,18 @@
 #include "app/fsappmetadata.h"
 #include "app/options.h"
 #include "clib/forkexec.h"
-#include "clib/liblog.h"
-#include "clib/libuser.h"
-#include "clib/read_configuration.h"
 #include "common/ExSystemError.h"
-#include "common/UtilityErrorStream.h"
-#include "common/misc.h"
-#include "common/signals.h"
 
 #include <boost/filesystem/operations.hpp>
 
-#include <fcntl.h>
-#include <linux/keyctl.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <exception>
 #include <iostream>
 #include <iterator>
-#include <new>
 #include <optional>
+#include <vector>
 
 namespace fs = boost::filesystem;
 namespace po = boost::program_options;
@@ -40,19 +25,8 @@ namespace tarvik {
 
 namespace {
 
-constexpr mode_t kReadableAndExecutable = 0555;
-constexpr int kFirstToClose = STDERR_FILENO + 1;
-
-constexpr char kPhp[] = "php";
-constexpr char kProductEngine[] = "mo-engine-tarvikrun";
-constexpr char kPerl[] = "perl";
-constexpr char kBinary[] = "binary";
-
 const char* const kActions[] = {"install", "configure", "upgrade", "remove",
                                 "enable",  "disable",   "query"};
-const char* const kPhpOptions[] = {"-d", "variables_order=EGPCS", "-d", "safe_mode=0",
-                                   "-d", "open_basedir="};
-const char* const kPerlCandidates[] = {"/usr/bin/perl", "/usr/local/bin/perl"};
 
 using Strings = std::list<std::string>;
 
@@ -60,12 +34,6 @@ using Strings = std::list<std::string>;
 struct Script {
     std::string language;
     std::string file;
-};
-
-/// How to start it: without an interpreter it is started itself.
-struct Interpreter {
-    std::string program;
-    Strings options;
 };
 
 /// @return the script that the packaging standard's version asks for; none when the metadata cannot
@@ -82,44 +50,6 @@ std::optional<Script> choose_script(const std::string& packageDir, const Script&
         std::cerr << "Caught exception: " << e.what() << '\n';
         return std::nullopt;
     }
-}
-
-Strings php_candidates(const std::string& language, const std::string& php_cli)
-{
-    Strings candidates;
-    if (language == kProductEngine)
-        candidates.push_back(std::string(oxaConfGetDefaultByIndex(OXA_PRODUCT_ROOT_D)) + "/bin/"
-                             + kProductEngine);
-    if (!php_cli.empty())
-        candidates.push_back(php_cli);
-    candidates.emplace_back(oxaConfGetDefaultByIndex(OXA_CLIENT_PHP_BIN));
-    return candidates;
-}
-
-/// @return the first candidate that everybody may run; none when there is none, which is reported.
-std::optional<Interpreter> first_usable(const Strings& candidates, const char* name,
-                                        const Strings& options)
-{
-    const auto found = std::find_if(candidates.begin(), candidates.end(), fsa_is_file_executable);
-    if (found == candidates.end()) {
-        std::cerr << "Unable to find command line " << name << " interpreter.\n";
-        return std::nullopt;
-    }
-    return Interpreter {*found, options};
-}
-
-std::optional<Interpreter> choose_interpreter(const std::string& language,
-                                              const std::string& php_cli)
-{
-    if (language == kPhp || language == kProductEngine)
-        return first_usable(php_candidates(language, php_cli), "php",
-                            {std::begin(kPhpOptions), std::end(kPhpOptions)});
-    if (language == kPerl)
-        return first_usable({std::begin(kPerlCandidates), std::end(kPerlCandidates)}, "perl", {});
-    if (language == kBinary)
-        return Interpreter {};
-    std::cerr << "Config script language '" << language << "' is not supported!\n";
-    return std::nullopt;
 }
 
 bool is_allowed(const std::string& action)
@@ -181,82 +111,7 @@ int run_and_wait(const Strings& words)
     return result;
 }
 
-bool give_up(int terminal)
-{
-    return ::ioctl(terminal, TIOCNOTTY) == 0;
-}
-
-/// What keeps this process from the terminal keeps the script from it, which is the same user.
-bool is_lasting(int failure)
-{
-    return failure == ENXIO || failure == ENOENT || failure == EACCES;
-}
-
-/// The site user's script must not type into the terminal of the caller. A session of its own would
-/// see to that, too, but take it out of the process group that callers send their signals to.
-void give_up_terminal()
-{
-    const TDescriptor terminal(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (terminal && give_up(terminal.get()))
-        return;
-    const int failure = errno;
-    if (give_up(STDIN_FILENO) || give_up(STDOUT_FILENO) || give_up(STDERR_FILENO))
-        return;  // "/dev/tty" may be missing or locked
-    if (terminal || !is_lasting(failure))
-        throwSystemError("forkExecvPipes: giving up the terminal failed", failure);
-}
-
-/// The caller's keys stay with the caller. Where a kernel has no keyrings or a container refuses
-/// them, the script cannot use any either. A full quota is no excuse: the site user could fill it
-/// to get at the keys.
-void give_up_keys()
-{
-    if (::syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr) < 0 && errno != ENOSYS
-        && errno != EPERM && errno != EACCES)
-        throwSystemError("forkExecvPipes: giving up the keys failed", errno);
-}
-
-[[noreturn]] void exec_child(int input, int output, int error, const std::string& program,
-                             const ArgList& arguments, const std::string& userName,
-                             const std::map<std::string, std::string>& environment)
-{
-    if (dup2_streams(input, output, error) != 0)
-        throwSystemError("dup2Custom failed", errno);
-    ::closefrom(kFirstToClose);
-    if (!userName.empty() && p_setuid(userName.c_str()) != 0)
-        throwSystemError("forkExecvPipes: p_setuid() to '" + userName + "' failed", errno);
-    give_up_terminal();
-    give_up_keys();
-    for (const auto& [name, value] : environment) {
-        if (::setenv(name.c_str(), value.c_str(), 1) != 0)
-            throwSystemError("forkExecvPipes: setenv() falied", errno);
-    }
-    restore_write_signals();
-    ::execvp(program.c_str(), arguments.get());
-    const int failure = errno;
-    messlog2(1, 1, "forkExecvPipes: execv() failed: %s\n", std::strerror(failure));
-    std::abort();  // not reached: the message ends the process
-}
-
 }  // namespace
-
-ArgList::ArgList() : arguments_(1, nullptr) { }
-
-ArgList::~ArgList()
-{
-    for (char* const argument : arguments_)
-        std::free(argument);
-}
-
-void ArgList::append(const std::string& text)
-{
-    arguments_.reserve(arguments_.size() + 1);  // so that nothing fails once the copy is made
-    char* const copy = ::strdup(text.c_str());
-    if (copy == nullptr)
-        throw std::bad_alloc();
-    arguments_.back() = copy;
-    arguments_.push_back(nullptr);
-}
 
 std::string get_package_script_path(const char* application_full_name)
 {
@@ -264,31 +119,6 @@ std::string get_package_script_path(const char* application_full_name)
     if (path.empty())
         std::cerr << "Failed to get package path\n";
     return path;
-}
-
-bool fsa_is_file_executable(const std::string& path)
-{
-    struct stat status;
-    return ::stat(path.c_str(), &status) == 0
-        && (status.st_mode & kReadableAndExecutable) == kReadableAndExecutable;
-}
-
-pid_t forkExecvPipes(int input, int output, int error, const std::string& program,
-                     const ArgList& arguments, const std::string& userName,
-                     const std::map<std::string, std::string>& environment)
-{
-    const pid_t child = ::fork();
-    if (child < 0)
-        throwSystemError("forkExecvPipes: fork() failed", errno);
-    if (child == 0) {
-        try {  // the caller's own code must not go on in the child
-            exec_child(input, output, error, program, arguments, userName, environment);
-        } catch (const std::exception& e) {
-            reportException(e);
-            std::exit(1);
-        }
-    }
-    return child;
 }
 
 int fsa_run_configure_script(const std::string& application_full_name,

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <list>
+#include <optional>
+#include <string>
+
+namespace tarvik {
+
+/// How to start a script: without a program it is started itself.
+struct Interpreter {
+    std::string program;
+    std::list<std::string> options;
+};
+
+/**
+ * @param language  of the script, upper and lower case being different.
+ * @param php_cli   a PHP to try before the configured one; may be empty.
+ * @return the first candidate for that language that everybody may run; none when there is none or
+ *         the language is unknown, which is reported on standard error.
+ */
+std::optional<Interpreter> choose_interpreter(const std::string& language,
+                                              const std::string& php_cli);
+
+/// @return whether everybody may read and execute `path`, links followed.
+bool fsa_is_file_executable(const std::string& path);
+
+}  // namespace tarvik
