@@ -1,12 +1,13 @@
 #include "clib/liblog.h"
 
+#include "common/FreeMemory.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 const char* PROGNAME = nullptr;
 
@@ -14,10 +15,7 @@ namespace {
 
 constexpr std::size_t kFirstSize = 4096;
 
-struct Free {
-    void operator()(char* text) const noexcept { std::free(text); }
-};
-using Text = std::unique_ptr<char, Free>;
+using Text = tarvik::MallocText;
 
 /// A formatted message in a buffer that may have room to spare.
 struct Message {

@@ -1,6 +1,7 @@
 #include "clib/read_configuration.h"
 
 #include "clib/product_log.h"
+#include "common/FreeMemory.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -88,11 +89,10 @@ constexpr oxa_conf_strings theOxaConfDefauls = column(&Key::value);
 namespace {
 
 struct Release {
-    void operator()(char* text) const noexcept { std::free(text); }
     void operator()(FILE* file) const noexcept { static_cast<void>(std::fclose(file)); }
     void operator()(conf_table* table) const noexcept { conf_free_r(table); }
 };
-using Text = std::unique_ptr<char, Release>;
+using Text = tarvik::MallocText;
 using File = std::unique_ptr<FILE, Release>;
 using Table = std::unique_ptr<conf_table, Release>;
 

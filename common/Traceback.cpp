@@ -4,7 +4,6 @@
 #include <execinfo.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <ostream>
 
 namespace tarvik {
@@ -28,7 +27,7 @@ public:
     }
 
 private:
-    std::unique_ptr<char, FreeMemory> buffer_;
+    MallocText buffer_;
     std::size_t size_ = 0;
 };
 
@@ -46,11 +45,6 @@ std::string with_readable_name(const std::string& text, Demangler& demangle)
 }
 
 }  // namespace
-
-void FreeMemory::operator()(void* memory) const noexcept
-{
-    std::free(memory);
-}
 
 Traceback::Traceback(std::size_t skip) : frameCount_(0), skip_(skip), frames_()
 {

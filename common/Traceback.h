@@ -1,16 +1,13 @@
 #pragma once
 
+#include "common/FreeMemory.h"
+
 #include <cstddef>
 #include <iosfwd>
 #include <memory>
 #include <string>
 
 namespace tarvik {
-
-/// Releases memory that a C interface handed over.
-struct FreeMemory {
-    void operator()(void* memory) const noexcept;
-};
 
 /**
  * The call stack at the place of construction. An exception class inherits it beside its exception
