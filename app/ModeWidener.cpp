@@ -18,6 +18,7 @@
 #include <climits>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -116,17 +117,19 @@ public:
         std::replace(key.begin() + static_cast<std::ptrdiff_t>(key_.size()), key.end(), '/', '\0');
         if (!path.empty())
             key += '\0';
-        if (!excluded_.empty() && isSubdir(key, excluded_))
+        if (excluded_ && isSubdir(key, *excluded_))
             return true;
-        excluded_ = others_.count(key) != 0 ? key : "";
-        return !excluded_.empty();
+        excluded_.reset();
+        if (others_.count(key) != 0)
+            excluded_ = std::move(key);
+        return excluded_.has_value();
     }
 
 private:
     const KeySet& others_;
     std::string key_;
     bool possible_;
-    std::string excluded_;  ///< the directory last found to be
+    std::optional<std::string> excluded_;  ///< the directory last found to be
 };
 
 class ModeWidener {
