@@ -127,7 +127,8 @@ bool has_plain_encoding(std::string_view start)
 
     std::string text(start);
     text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());  // of two-byte characters
-    if (text.find("<?xml") > 3)  // after a byte order mark at most
+    const std::size_t begin = text.find("<?xml");  // after a byte order mark at most
+    if (begin > 3 || text.find_first_of(" \t\r\n", begin) != begin + std::strlen("<?xml"))
         return true;
     const std::size_t end = text.find("?>");
     if (end == std::string::npos)

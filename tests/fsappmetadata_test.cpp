@@ -72,6 +72,7 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
          "<version>[&f;]&b;-&b;</version><configuration-script-language>php</configuration-script-language>",
          "", "a\xc3\xa9&c<|[]xx-xx|7|php|1.0"},
         {"an encoding that would load a module", xml + "ISO-8859-2'?>", kNamed, "", kUnreadable + kFile},
+        {"an instruction that is no declaration", "<?xml-stylesheet encoding='x'?>", kNamed, "", "a||||1.0"},
         {"a default", "<!DOCTYPE a [<!ATTLIST application version CDATA '1.2'>]>", kNamed, "", "a||||1.2"},
         {"one namespace after another", "", kNamed, many(70, "<q", " xmlns:q='u'/>"), "a||||1.0"},
         {"something beside the root", "<x/>", kNamed, "", kUnreadable + kFile},
