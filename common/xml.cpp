@@ -296,7 +296,10 @@ private:
         }
         refused_ = refused_ || (bytes_ == 0 && !has_plain_encoding({buffer, count}));
         bytes_ += count;
-        bytesSinceEvent_ += count;
+        // The library takes a CDATA section in as it takes text in: at a cost in keeping with its
+        // length. It only tells of it at its end.
+        const bool isText = context_->instate == XML_PARSER_CDATA_SECTION;
+        bytesSinceEvent_ = isText ? 0 : bytesSinceEvent_ + count;
         refused_ = refused_ || bytesSinceEvent_ > kMaxBytesBetweenEvents
             || (visitor_ == nullptr && bytes_ > kMaxXmlTreeBytes);
         return refused_ ? -1 : static_cast<int>(count);

@@ -36,6 +36,9 @@ TEST_F(Delete, TakesExactlyWhatIsListedChildrenFirst)
                        + left("lstat", "d-x/y", "Not a directory") + left("lstat", "d/f/g", "Not a directory") + denied
                        + left("rmdir", "d", "Directory not empty") + denied));
     EXPECT_EQ(remove(site_.list({"own"}, "cgi-bin")), says(0, ""));  // a section that is kept
+    const std::string longest(100'000, 'n');
+    EXPECT_EQ(remove(site_.list({"<![CDATA[" + longest + "]]>"})),
+              says(0, left("lstat", longest, "File name too long")));
     EXPECT_EQ(site_.listing(), "\n- 644 alice:oxacln: d-x own\n- 644 bob:oxacln: d/f\nd 755 bob:oxacln: d e\n");
 }
 
