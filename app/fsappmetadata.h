@@ -61,6 +61,13 @@ public:
      *         read or lacks a required element; std::bad_alloc when memory runs out.
      */
     explicit FSAMetaDataReader(const std::string& fileName);
+    FSAMetaDataReader(const FSAMetaDataReader&) = default;
+    FSAMetaDataReader(FSAMetaDataReader&&) = default;
+    /// Assigning a mapping leaves its handlers as they are, so a list of them would keep wrong
+    /// ones.
+    FSAMetaDataReader& operator=(const FSAMetaDataReader&) = delete;
+    FSAMetaDataReader& operator=(FSAMetaDataReader&&) = delete;
+    ~FSAMetaDataReader() = default;
 
     /// The URL mappings, shallow ones first; of equal depth, later ones of the file first.
     const std::list<FSAMetaDataWebContent>& webContents() const { return webContents_; }

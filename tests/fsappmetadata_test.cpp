@@ -105,6 +105,7 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
     for (const auto& [why, prolog, fields, mappings, result] : cases)
         EXPECT_EQ(result_of(prolog + package(fields + mappings)), result) << why;
 
+    static_assert(!std::is_assignable_v<FSAMetaDataReader&, FSAMetaDataReader>);
     const FSAMetaDataReader reader(kFile);
     FSAMetaDataWebContent content = reader.webContents().front();
     content = reader.webContents().back();  // not the handlers and the redirect
