@@ -1,11 +1,15 @@
 #include "common/xml.h"
 
+#include "common/charsets.h"
+
 #include <libxml/SAX2.h>
 #include <libxml/encoding.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -111,10 +115,28 @@ using ParserContext = std::unique_ptr<xmlParserCtxt, FreeParserContext>;
 
 /**
  * @param start  the first bytes of a document, its XML declaration among them.
- * @return whether the library reads its encoding by itself: for any other it would have the system
- *         load a conversion module, at the wish of whoever wrote the document.
+ * @return the encoding that it declares, the usual one without; none when the declaration is cut.
  */
-bool has_plain_encoding(std::string_view start)
+std::optional<std::string> declared_encoding(std::string_view start)
+{
+    constexpr char kDeclaration[] = "<?xml", kUsual[] = "UTF-8";
+    std::string text(start);
+    text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());  // of two-byte characters
+    const std::size_t begin = text.find(kDeclaration);  // after a byte order mark at most
+    if (begin > 3 || text.find_first_of(" \t\r\n", begin) != begin + std::strlen(kDeclaration))
+        return kUsual;
+    const std::size_t end = text.find("?>");
+    if (end == std::string::npos)
+        return std::nullopt;
+    text.resize(end);
+    const std::size_t open = text.find_first_of("\"'", text.find("encoding"));
+    if (text.find("encoding") == std::string::npos || open == std::string::npos)
+        return kUsual;
+    return text.substr(open + 1, text.find(text[open], open + 1) - open - 1);
+}
+
+/// @return whether the library decodes a document that begins so without the system's help.
+bool is_decoded_by_library(std::string_view start, const std::string& declared)
 {
     constexpr const char* kPlain[] = {"UTF-8",    "UTF8",       "UTF-16",   "UTF-16LE",
                                       "UTF-16BE", "ISO-8859-1", "US-ASCII", "ASCII"};
@@ -124,22 +146,8 @@ bool has_plain_encoding(std::string_view start)
     if (family != XML_CHAR_ENCODING_NONE && family != XML_CHAR_ENCODING_UTF8
         && family != XML_CHAR_ENCODING_UTF16LE && family != XML_CHAR_ENCODING_UTF16BE)
         return false;
-
-    std::string text(start);
-    text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());  // of two-byte characters
-    const std::size_t begin = text.find("<?xml");  // after a byte order mark at most
-    if (begin > 3 || text.find_first_of(" \t\r\n", begin) != begin + std::strlen("<?xml"))
-        return true;
-    const std::size_t end = text.find("?>");
-    if (end == std::string::npos)
-        return false;
-    text.resize(end);
-    const std::size_t open = text.find_first_of("\"'", text.find("encoding"));
-    if (text.find("encoding") == std::string::npos || open == std::string::npos)
-        return true;
-    const std::string name = text.substr(open + 1, text.find(text[open], open + 1) - open - 1);
-    return std::any_of(std::begin(kPlain), std::end(kPlain), [&name](const char* plain) {
-        return xmlStrcasecmp(reinterpret_cast<const xmlChar*>(name.c_str()),
+    return std::any_of(std::begin(kPlain), std::end(kPlain), [&declared](const char* plain) {
+        return xmlStrcasecmp(reinterpret_cast<const xmlChar*>(declared.c_str()),
                              reinterpret_cast<const xmlChar*>(plain))
             == 0;
     });
@@ -288,13 +296,13 @@ private:
     {
         if (ended())
             return -1;
-        std::size_t count = 0;
-        for (int more = 1; more > 0 && count < size; count += static_cast<std::size_t>(more)) {
-            more = source_(buffer + count, static_cast<int>(size - count));
-            refused_ = refused_ || more < 0;
-            more = std::max(more, 0);
-        }
-        refused_ = refused_ || (bytes_ == 0 && !has_plain_encoding({buffer, count}));
+        const bool first = bytes_ == 0;
+        const bool grows = first || encoding_ != nullptr;
+        std::size_t count = read_up_to(buffer, grows ? size / kMaxUtf8Length : size);
+        if (first && ::geteuid() == 0)
+            choose_encoding({buffer, count});
+        if (encoding_ != nullptr)
+            count = decode(buffer, count);
         bytes_ += count;
         // The library takes a CDATA section in as it takes text in: at a cost in keeping with its
         // length. It only tells of it at its end.
@@ -303,6 +311,43 @@ private:
         refused_ = refused_ || bytesSinceEvent_ > kMaxBytesBetweenEvents
             || (visitor_ == nullptr && bytes_ > kMaxXmlTreeBytes);
         return refused_ ? -1 : static_cast<int>(count);
+    }
+
+    /// @return the number of bytes read, less than `size` at the end of the document only.
+    std::size_t read_up_to(char* buffer, std::size_t size)
+    {
+        std::size_t count = 0;
+        for (int more = 1; more > 0 && count < size; count += static_cast<std::size_t>(more)) {
+            more = source_(buffer + count, static_cast<int>(size - count));
+            refused_ = refused_ || more < 0;
+            more = std::max(more, 0);
+        }
+        return count;
+    }
+
+    /**
+     * With root's rights no encoding is left to the system: it would load a conversion module, at
+     * the wish of whoever wrote the document.
+     */
+    void choose_encoding(std::string_view start)
+    {
+        const std::optional<std::string> declared = declared_encoding(start);
+        refused_ = refused_ || !declared;
+        if (refused_ || is_decoded_by_library(start, *declared))
+            return;
+        encoding_ = find_single_byte_encoding(*declared);
+        // The library would still find out by itself that characters take more than one byte.
+        refused_ = encoding_ == nullptr || start.find('\0') != std::string_view::npos;
+        context_->options |= XML_PARSE_IGNORE_ENC;  // the library gets UTF-8
+    }
+
+    /// Makes UTF-8 of what was read. The buffer has room for it.
+    std::size_t decode(char* buffer, std::size_t count)
+    {
+        std::string utf8;
+        refused_ = refused_ || !append_as_utf8(utf8, *encoding_, {buffer, count});
+        std::copy(utf8.begin(), utf8.end(), buffer);
+        return utf8.size();
     }
 
     bool affords(const xmlEntity* entity)
@@ -358,6 +403,7 @@ private:
     XmlSource source_;
     xmlSAXHandler handler_;
     XmlVisitor* visitor_;
+    const SingleByteEncoding* encoding_ = nullptr;  ///< null when the library decodes
     std::size_t bytes_ = 0;
     std::size_t bytesSinceEvent_ = 0;
     std::size_t nodes_ = 0;

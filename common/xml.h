@@ -17,6 +17,10 @@ struct _xmlAttr;
  * file and no connection, prints nothing, and is refused once it costs more than its size can
  * justify: libxml2's own limits leave room for documents of some kilobytes that take gigabytes or
  * minutes.
+ *
+ * With root's rights a document may be in UTF-8, UTF-16, ASCII, ISO 8859, Windows 125x or KOI8-R/U:
+ * any other encoding is refused, as it would have the system load a conversion module. Without them
+ * it may be in whatever libxml2 and the system know.
  */
 namespace tarvik {
 

@@ -21,7 +21,7 @@ protected:
 TEST_F(Delete, TakesExactlyWhatIsListedChildrenFirst)
 {
     for (const char* path : {"a/", "a/f", "a/b/", "a/b/g", "a-z", "a.txt", "own", "sp ace/", "sp ace/-n\nl",
-                             "caf\xc3\xa9", "own2", "d/", "d/f", "d-x", "e/"})
+                             "caf\xc3\xa9", "own2", "d/", "d/f", "d-x", "e/", "caf\xc3\xa9-2", "\xe3\x81\x82"})
         site_.put(path, path);
     site_.shell("cd vhost/httpdocs; chown -R bob d e; ln -s / link; ln -s nowhere a/dangling");
     const std::string name(256, 'n');
@@ -36,9 +36,11 @@ TEST_F(Delete, TakesExactlyWhatIsListedChildrenFirst)
                        + left("lstat", "d-x/y", "Not a directory") + left("lstat", "d/f/g", "Not a directory") + denied
                        + left("rmdir", "d", "Directory not empty") + denied));
     EXPECT_EQ(remove(site_.list({"own"}, "cgi-bin")), says(0, ""));  // a section that is kept
-    const std::string longest(100'000, 'n');
-    EXPECT_EQ(remove(site_.list({"<![CDATA[" + longest + "]]>"})),
-              says(0, left("lstat", longest, "File name too long")));
+    const std::string encoding = "<?xml version='1.0' encoding='", longest(100'000, 'n'),
+                      tooLong = left("lstat", longest, "File name too long");
+    EXPECT_EQ(remove(encoding + "latin1'?>" + site_.list({"caf\xe9-2"})), says(0, ""));
+    EXPECT_EQ(remove(encoding + "EUC-JP'?>" + site_.list({"\xa4\xa2", "<![CDATA[" + longest + "]]>", longest})),
+              says(0, tooLong + tooLong));
     EXPECT_EQ(site_.listing(), "\n- 644 alice:oxacln: d-x own\n- 644 bob:oxacln: d/f\nd 755 bob:oxacln: d e\n");
 }
 

@@ -71,7 +71,12 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
          "<name xmlns='x'/><name>a<b>\xe9</b><!--x--><![CDATA[&c]]>&lt;</name><name>no</name><release>7</release>"
          "<version>[&f;]&b;-&b;</version><configuration-script-language>php</configuration-script-language>",
          "", "a\xc3\xa9&c<|[]xx-xx|7|php|1.0"},
-        {"an encoding that would load a module", xml + "ISO-8859-2'?>", kNamed, "", kUnreadable + kFile},
+        {"an encoding that would load a module", xml + "EUC-JP'?>", kNamed, "", kUnreadable + kFile},
+        {"one that would not", xml + "cp1251'?>", "<name>" + repeated(5'000, "\x88") + "</name><version/><release/>",
+         "", repeated(5'000, "\xe2\x82\xac") + "||||1.0"},
+        {"a byte without a character in it", xml + "cp1251'?>", kNamed, "\x98" + std::string(5'000, 'c'),
+         kUnreadable + kFile},
+        {"a byte order mark before it", "\xef\xbb\xbf" + xml + "cp1251'?>", kNamed, "", kUnreadable + kFile},
         {"an instruction that is no declaration", "<?xml-stylesheet encoding='x'?>", kNamed, "", "a||||1.0"},
         {"a long licence", "", kNamed, "<x><![CDATA[" + std::string(100'000, 'c') + "]]></x>", "a||||1.0"},
         {"a comment after a CDATA section", "", kNamed, "<![CDATA[c]]><!--" + std::string(100'000, 'c') + "-->",
@@ -110,6 +115,23 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
     FSAMetaDataWebContent content = reader.webContents().front();
     content = reader.webContents().back();  // not the handlers and the redirect
     EXPECT_EQ(content.url + content.path + content.redirect + std::to_string(content.depth), "/a&b/c/a&b/c/t2");
+}
+
+TEST(Metadata, MayBeInTwoByteCharactersAndLoadsNoConversion)
+{
+    const std::string fields = "a||||1.0", unreadable = kUnreadable + kFile;
+    const std::tuple<std::string, int, int, std::string> widths[] = {
+        {"\xff\xfe", 0, 1, fields}, {"\xfe\xff", 1, 0, fields}, {"", 0, 1, fields}, {"", 0, 3, unreadable}};
+    for (const auto& [mark, before, after, utf] : widths) {
+        for (const auto& [encoding, result] :
+             {std::pair("UTF-16", utf), {"UTF-8", utf}, {"EUC-JP", unreadable}, {"cp1252", unreadable}}) {
+            std::string text = mark;
+            for (const char c : "<?xml version='1.0' encoding='" + std::string(encoding) + "'?>" + package(kNamed))
+                text += std::string(before, '\0') + c + std::string(after, '\0');
+            EXPECT_EQ(result_of(text), result) << mark << before << after << encoding;
+        }
+    }
+    EXPECT_EQ(read("/proc/self/maps").find("/gconv"), std::string::npos);
 }
 
 /// Documents of up to 1 MB that make a careless reader use gigabytes or minutes, and what is no local file.

@@ -2,9 +2,12 @@
 
 #include "app/InstanceList.h"
 #include "app/fsappmetadata.h"
+#include "common/charsets.h"
 #include "tests/support/Sandbox.h"
 
 #include <libxml/xmlmemory.h>
+
+#include <iconv.h>
 
 #include <cstring>
 #include <fstream>
@@ -99,6 +102,40 @@ TEST(Xml, GivesAllOrThrowsWhenAnAllocationFails)
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(metadata_text(), "xy|/az,/d,writable11|/az/b,/c00");
+}
+
+/// A byte as the system's own conversion has it.
+std::string converted(iconv_t system, char byte)
+{
+    char utf8[8], *in = &byte, *out = utf8;
+    std::size_t inLeft = 1, outLeft = sizeof utf8;
+    const bool known = iconv(system, &in, &inLeft, &out, &outLeft) == 0;
+    iconv(system, nullptr, nullptr, &out, &outLeft);  // what it holds back for a mark that may follow
+    return known ? std::string(utf8, out) : "none";
+}
+
+TEST(Charsets, GiveEachByteTheCharacterThatTheSystemGivesIt)
+{
+    Words names = {"KOI8-R", "KOI8-U", "CSKOI8R", "CYRILLIC", "ARABIC", "GREEK", "HEBREW"};
+    for (int i = 1; i <= 16; ++i)
+        names.push_back("ISO-8859-" + std::to_string(i == 12 ? 11 : i));
+    for (int i = 1; i <= 10; ++i)
+        names.push_back("latin" + std::to_string(i));
+    for (int i = 1250; i <= 1258; ++i)
+        names.insert(names.end(), {"windows-" + std::to_string(i), "cp" + std::to_string(i)});
+    for (const std::string& name : names) {
+        const auto* const encoding = find_single_byte_encoding(name);
+        const iconv_t system = iconv_open("UTF-8", name.c_str());
+        ASSERT_NE(encoding, nullptr) << name;
+        for (int byte = 0; byte < 256; ++byte) {
+            const char c = static_cast<char>(byte);
+            std::string utf8;
+            EXPECT_EQ(append_as_utf8(utf8, *encoding, {&c, 1}) ? utf8 : "none", converted(system, c)) << name << byte;
+        }
+        iconv_close(system);
+    }
+    for (const char* unknown : {"", "-", "ISO-8859-12", "ISO-8859-", "latin", "cp125", "KOI8-RU"})
+        EXPECT_EQ(find_single_byte_encoding(unknown), nullptr) << unknown;
 }
 
 }  // namespace
