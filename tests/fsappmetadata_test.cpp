@@ -134,6 +134,22 @@ TEST(Metadata, MayBeInTwoByteCharactersAndLoadsNoConversion)
     EXPECT_EQ(read("/proc/self/maps").find("/gconv"), std::string::npos);
 }
 
+TEST(Metadata, IsReadUpToItsLimits)
+{
+    const std::pair<std::size_t, std::string (*)(int)> limits[] = {
+        {256, [](int n) { return "<x" + many(n, " a", "=''") + "/>"; }},
+        {100'000 - 8, [](int n) { return repeated(n, "<x/>"); }},  // beside the root and its fields
+        {16 * 1024 * 1024 - package(kNamed).size(),
+         [](int n) {
+             return repeated(n / 1'024, "<!--" + std::string(1'017, 'c') + "-->") + std::string(n % 1'024, 't');
+         }},
+    };
+    for (const auto& [most, content] : limits) {
+        EXPECT_EQ(result_of(package(kNamed + content(static_cast<int>(most)))), "a||||1.0") << most;
+        EXPECT_EQ(result_of(package(kNamed + content(static_cast<int>(most) + 1))), kUnreadable + kFile) << most;
+    }
+}
+
 /// Documents of up to 1 MB that make a careless reader use gigabytes or minutes, and what is no local file.
 TEST(Metadata, HostileFilesAreRefusedCheaply)
 {
