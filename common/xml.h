@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/XmlSilence.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -39,31 +41,6 @@ public:
 
 private:
     std::size_t left_;
-};
-
-/**
- * Keeps libxml2 quiet and off the network and the disk for as long as it lives, and notes when it
- * runs out of memory: many of its functions then leave something out and say nothing.
- */
-class XmlSilence {
-public:
-    XmlSilence();
-    XmlSilence(const XmlSilence&) = delete;
-    XmlSilence& operator=(const XmlSilence&) = delete;
-    ~XmlSilence();
-
-    /**
-     * To be called before a result of libxml2 is relied on.
-     * @throws std::bad_alloc when an allocation has failed since the outermost object was made.
-     */
-    static void require_memory();
-
-private:
-    void* errorContext_;
-    void (*errorHandler_)();
-    void* printContext_;
-    void (*printer_)(void* context, const char* format, ...);
-    void (*entityLoader_)();
 };
 
 /// Fills a buffer with the next bytes of a document; returns their number, 0 at its end, -1 on
