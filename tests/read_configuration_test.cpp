@@ -30,8 +30,8 @@ TEST(ConfReadFile, CutsNameAndValueOutOfALine)
     for (const auto& [why, text, value] : cases) {
         std::ofstream(kFile, std::ios::binary) << text;
         conf_table* const table = new_table();
-        EXPECT_TRUE(conf_read_file_r(kFile, table) == 0 && table->sorted == 1 && conf_get_r("KEY", table) == value)
-            << why;
+        EXPECT_EQ(conf_read_file_r(kFile, table), 0) << why;
+        EXPECT_EQ(conf_get_r("KEY", table), value) << why;
         conf_free_r(table);
     }
 }
@@ -47,8 +47,16 @@ TEST(ConfTable, GrowsAndFindsNamesSortedOrNot)
             conf_finalize_r(table);
         EXPECT_EQ(conf_get_r(name.c_str(), table), name);
     }
-    EXPECT_EQ(table->capacity, 80u);
     conf_free_r(table);
+}
+
+TEST(OxaConf, HasADefaultForEveryKey)
+{
+    std::remove(kFile);
+    std::string text;
+    for (int index = 0; index < OXA_CONF_KEYS; ++index)
+        text += std::string(theOxaConfNames[index]) + " " + oxaConfGetDefaultByIndex(index) + "\n";
+    EXPECT_EQ(text, read(ZENDREL_SOURCE_DIR "/tests/golden/defaults.txt"));
 }
 
 TEST(OxaConf, TriesAgainUntilTheFileIsThereAndThenKeepsIt)
