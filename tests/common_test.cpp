@@ -24,8 +24,10 @@ void raise_number() { throw 5; }
 
 TEST(SystemError, HasATypeForWhoCatchesItAndATextForNobody)
 {
+    EXPECT_THROW(throwSystemError("", EPERM), ExSystemError<1>);
     EXPECT_THROW(throwSystemError("", EINTR), ExSystemError<4>);
     EXPECT_THROW(throwSystemError("", ECHILD), ExSystemError<10>);
+    EXPECT_THROW(throwSystemError("", EAGAIN), ExSystemError<11>);
     oxa_set_terminate();
     EXPECT_EQ(in_child([]() noexcept { raise_number(); }), says(1, "Unexpected error\n"));
     EXPECT_EQ(in_child([] { std::terminate(); }), says(128 + SIGABRT, ""));
@@ -64,7 +66,7 @@ TEST(TmpFile, IsAFileOfItsOwnAndCleansUpWithoutThrowing)
                   TmpFile(site.docroot("kept"), false) << "text";
                   for (const std::string change : {"", "mv $f vhost/httpdocs/final", "rm $f\nmkdir $f"}) {
                       const TmpFile file(site.docroot("file"), true);
-                      site.shell("f=" + file.name() + "\n" + change);
+                      site.shell("f=" + file.name() + "; ls -l /proc/$$/fd | grep $f || :\n" + change);
                   }
                   site.shell("cd vhost/httpdocs\nmv kept* kept\nmv file* directory");
                   std::cout << site.listing();
