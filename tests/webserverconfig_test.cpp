@@ -50,7 +50,8 @@ TEST_F(WebserverConfig, WritesBlocksAndRedirectsInTheirOrder)
     const std::string cgi = "<IfModule mod_cgi.c>\n  Options +ExecCGI\n  <Files ";
     const std::string by_extension = cgi + "~ (\\.pl$)>\n    SetHandler None\n  </Files>\n";
     EXPECT_EQ(
-        install("<mapping url='//a//'><cgi:handler/><cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>"
+        install("<mapping url='b/c/d'/>"  // the last one, and nothing is to be said of it
+                "<mapping url='//a//'><cgi:handler/><cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>"
                 "php</cgi:extension><cgi:extension>cgi</cgi:extension></cgi:handler><cgi:handler><cgi:all-files/>"
                 "</cgi:handler><php:handler><php:extension>php</php:extension><php:extension>php3"
                 "</php:extension></php:handler><php:handler><php:disabled/></php:handler><cgi:handler><cgi:disabled/></"
@@ -205,34 +206,25 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
     EXPECT_EQ(left("removal"), kept);
 }
 
-TEST_F(WebserverConfig, KeepsTheOldFileUnlessTheNewOneIsClosed)
+/// Both commands stay root.
+TEST_F(WebserverConfig, KeepsTheOldFileUnlessTheNewOneIsClosedAndChangesNothingElse)
 {
     const std::string old = install("<mapping url='/' virtual='redirect' href='/b'/>");
     site_.metadata(kBothOff);
-    site_.shell("export ASAN_OPTIONS=detect_leaks=0\n"  // it cannot run under a tracer
-                "run() { strace -o trace -e \"$1\" " ZENDREL_PROGRAM " --install-apache-conf --vhost-path=vhost "
-                "--www-root=/docs --metadata-file=package/APP-META.xml --application-subdirectory=. "
-                "--config-file-name=$2; }\nrun trace=close,fcntl other.conf\n"
-                "n=$(awk '/F_DUPFD/ { print n + 1 } /^close/ { ++n }' trace)\n"
-                "run inject=close:error=EIO:when=$n app.conf 2>err || echo $? >status\n"
-                "rm system/vhost/conf/siteapp.d/other.conf");
+    site_.shell(
+        "export ASAN_OPTIONS=detect_leaks=0\n"  // it cannot run under a tracer
+        "run() { strace -s999 -o $1 -e $2 " ZENDREL_PROGRAM " $3 --vhost-path=vhost --www-root=/docs "
+        "--config-file-name=$4; }\n"
+        "install='--install-apache-conf --metadata-file=package/APP-META.xml --application-subdirectory=.'\n"
+        "run installed trace=all \"$install\" other.conf\nrun removed trace=all --remove-apache-conf other.conf\n"
+        "n=$(awk '/F_DUPFD/ { print n + 1 } /^close/ { ++n }' installed)\n"
+        "run failed inject=close:error=EIO:when=$n \"$install\" app.conf 2>err || echo $? >status\n"
+        "grep -hE 'O_CREAT|O_WRONLY|O_RDWR|mkdir|rmdir|unlink|rename|chmod|chown|link|truncate|mknod|setxattr'"
+        " installed removed | grep -v readlink >changes\n"
+        "grep -q unlink changes; grep -q rename changes; ! grep -v system/vhost/conf//siteapp.d changes >&2");
     const std::string error = "Filesystem exception during config creation: close: Input/output error: \"";
     EXPECT_EQ(read(site_.path("err")).substr(0, error.size()), error);
     EXPECT_EQ(read(site_.path("status")) + site_.listing("system/vhost/conf"), "255\n" + old.substr(3));
-}
-
-/// These two stay root.
-TEST_F(WebserverConfig, ChangesNothingElse)
-{
-    site_.metadata(kBothOff);
-    site_.shell("export ASAN_OPTIONS=detect_leaks=0\n"
-                "strace -fs999 -o trace1 " ZENDREL_PROGRAM " --install-apache-conf --vhost-path=vhost --www-root=$PWD"
-                " --metadata-file=package/APP-META.xml --application-subdirectory=. --config-file-name=app.conf\n"
-                "strace -fs999 -o trace2 " ZENDREL_PROGRAM " --remove-apache-conf --vhost-path=vhost --www-root=$PWD"
-                " --config-file-name=app.conf\n"
-                "grep -hE 'O_CREAT|O_WRONLY|O_RDWR|mkdir|rmdir|unlink|rename|chmod|chown|link|truncate|mknod|setxattr'"
-                " trace1 trace2 | grep -v readlink >changes\n"
-                "grep -q unlink changes; grep -q rename changes; ! grep -v system/vhost/conf//siteapp.d changes >&2");
 }
 
 }  // namespace
