@@ -91,8 +91,8 @@ Result run(const Words& words, const std::string& input, const Limits& limits)
 
 Result zendrel(const Words& words, const std::string& input, const Limits& limits)
 {
-    Words all = words;
-    all.insert(all.begin(), ZENDREL_PROGRAM);
+    Words all = {ZENDREL_PROGRAM};
+    all.insert(all.end(), words.begin(), words.end());
     return run(all, input, limits);
 }
 
