@@ -155,10 +155,10 @@ std::vector<ListedEntry> read_directory(TDescriptor descriptor, const std::strin
     const DirectoryStream directory(descriptor ? ::fdopendir(descriptor.get()) : nullptr);
     if (!directory)
         throw_filesystem_error("boost::filesystem::directory_iterator::construct", path, errno);
-    static_cast<void>(descriptor.release());  // the stream owns it now
+    const int listed = descriptor.release();  // the stream owns it now
 
     // Names can be read without a search permission, but then none of them can be examined.
-    const bool searchable = ::faccessat(::dirfd(directory.get()), ".", F_OK, 0) == 0;
+    const bool searchable = ::faccessat(listed, ".", F_OK, 0) == 0;
     std::vector<ListedEntry> entries;
     for (;;) {
         errno = 0;

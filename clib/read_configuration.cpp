@@ -70,7 +70,9 @@ static_assert(kKeys[OXA_CLIENT_PHP_BIN].name == std::string_view("CLIENT_PHP_BIN
 static_assert(kKeys[OXA_HTTPD_VHOSTS_D].name == std::string_view("HTTPD_VHOSTS_D"));
 static_assert(kKeys[OXA_PRODUCT_ROOT_D].name == std::string_view("PRODUCT_ROOT_D"));
 
-constexpr oxa_conf_strings column(const char* Key::*member)
+using Column = const char* Key::*;
+
+constexpr oxa_conf_strings column(Column member)
 {
     oxa_conf_strings strings = {};
     for (std::size_t i = 0; i < strings.size(); ++i)

@@ -78,7 +78,7 @@ XmlSilence::XmlSilence()
       entityLoader_(reinterpret_cast<void (*)()>(xmlGetExternalEntityLoader()))
 {
     watch_allocations();
-    xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
+    xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) { /* nothing */ });
     xmlSetGenericErrorFunc(nullptr, print_nothing);
     xmlSetExternalEntityLoader(
         [](const char*, const char*, xmlParserCtxt*) -> xmlParserInput* { return nullptr; });

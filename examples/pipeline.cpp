@@ -44,7 +44,7 @@ void show_errors()
         std::cout << e.what();
     }
     try {
-        TEArgs({"one"})[1].size();
+        std::cout << TEArgs({"one"})[1] << '\n';
     } catch (const TEArgs::TEArgsError& e) {
         std::cout << e.what() << " in the arguments of " << e.args()[0] << '\n';
     }

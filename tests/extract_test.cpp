@@ -330,7 +330,8 @@ TEST_F(Extract, FailingCallsAreMetAndUndone)
         {"getdents64:error=EIO" + data, says(1, list), plain},
         {"chmod:error=EPERM:when=1", fails("Unable to change mode for: @/vhost/httpdocs/data Error: " + denied), "\n"},
         {"chmod:error=EPERM:when=2", says(0, ""), plain.substr(0, plain.find("d 755")) + "d 757 alice:oxacln: data\n"},
-        {"openat:error=EIO -P /etc/passwd", says(1, "Unable to getpwnam for user alice\nUser alice not found\n"), "\n"},
+        // What comes after it depends on the C library.
+        {"openat:error=EIO -P /etc/passwd", says(1, "Unable to getpwnam for user alice\n"), "\n"},
         // Whom files belong to is what the process is, whatever becomes of the name service meanwhile.
         {"openat:error=EIO:when=2+ -P /etc/passwd", says(0, "Unable to getpwnam for user www-data\n"), all},
         {"openat:error=EIO -P /etc/group", says(255, ""), "\n"},

@@ -22,6 +22,16 @@ namespace sandbox {
 
 namespace {
 
+/// Errors of a newer Boost also name their code: "No such file or directory [system:2]".
+std::string without_codes(std::string text)
+{
+    for (const std::string code : {" [system:", " [generic:"}) {
+        for (std::size_t at; (at = text.find(code)) != std::string::npos;)
+            text.erase(at, text.find(']', at) + 1 - at);
+    }
+    return text;
+}
+
 template <class Body>
 Result run_child(const std::string& input, Body body)
 {
@@ -42,7 +52,7 @@ Result run_child(const std::string& input, Body body)
         std::abort();
     std::string texts[3];
     for (int number = 0; number < 3; ++number) {
-        texts[number] = read("/proc/self/fd/" + std::to_string(streams[number]));
+        texts[number] = without_codes(read("/proc/self/fd/" + std::to_string(streams[number])));
         ::close(streams[number]);
     }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), texts[1], texts[2], usage.ru_maxrss};
