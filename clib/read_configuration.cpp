@@ -308,7 +308,8 @@ int conf_init_r(conf_table* table)
             return report_memory_shortage("Unable to read configuration");
         *table = {static_cast<conf_entry*>(slots), kFirstSlots, 0, 1};
     } else if (table->count >= table->capacity) {
-        const uint64_t capacity = std::max(table->capacity * 2, table->count + kFirstSlots);
+        const auto capacity = static_cast<std::size_t>(
+            std::max(table->capacity * 2, table->count + kFirstSlots));  // far less than memory
         void* const slots = reallocarray(table->entries, capacity, sizeof(conf_entry));
         if (slots == nullptr)
             return report_memory_shortage("Unable to read configuration");

@@ -18,8 +18,8 @@ install(SCRIPT cmake/InstallHeaders.cmake)
 function(zendrel_install name description requires libs)
     target_include_directories(zendrel_${name}
         INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_compile_definitions(zendrel_${name}
-        INTERFACE $<INSTALL_INTERFACE:BOOST_FILESYSTEM_VERSION=3>)  # as it was built
+    target_compile_definitions(zendrel_${name}  # as it was built
+        INTERFACE "$<INSTALL_INTERFACE:BOOST_FILESYSTEM_VERSION=3;_FILE_OFFSET_BITS=64>")
     target_compile_features(zendrel_${name} PUBLIC cxx_std_17)
     set_target_properties(zendrel_${name} PROPERTIES EXPORT_NAME ${name})
     install(TARGETS zendrel_${name} EXPORT zendrel DESTINATION ${CMAKE_INSTALL_LIBDIR})

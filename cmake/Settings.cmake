@@ -19,6 +19,9 @@ endif()
 # appends its text. From Boost 1.77 on the version has to be asked for.
 target_compile_definitions(zendrel_settings INTERFACE BOOST_FILESYSTEM_VERSION=3)
 
+# Files beyond 2 GB and times after 2037 on machines of 32 bits too.
+target_compile_definitions(zendrel_settings INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
 if(ZENDREL_SANITIZE)
     # The checks confuse the compiler's analysis of library headers; the release build has it.
     target_compile_options(zendrel_settings INTERFACE

@@ -79,7 +79,7 @@ TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
     const Site site;
     site.metadata("<mapping url='/' path='htdocs'/>");
     site.write("package/htdocs/f", "");
-    for (const std::string call : {"setuid", "setgid"}) {
+    for (const std::string call : {"setuid,?setuid32", "setgid,?setgid32"}) {
         Words words = {
             "env",          "ASAN_OPTIONS=detect_leaks=0", "strace", "-fqqo/dev/null", "-einject=" + call + ":retval=0",
             ZENDREL_PROGRAM};

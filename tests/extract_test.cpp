@@ -335,7 +335,8 @@ TEST_F(Extract, FailingCallsAreMetAndUndone)
         // Whom files belong to is what the process is, whatever becomes of the name service meanwhile.
         {"openat:error=EIO:when=2+ -P /etc/passwd", says(0, "Unable to getpwnam for user www-data\n"), all},
         {"openat:error=EIO -P /etc/group", says(255, ""), "\n"},
-        {"setgroups:error=EPERM", says(1, "Unable to init new groups for user alice: " + denied + "\n"), "\n"},
+        {"setgroups,?setgroups32:error=EPERM", says(1, "Unable to init new groups for user alice: " + denied + "\n"),
+         "\n"},
     };
     for (const auto& [injection, expected, left] : cases) {
         SCOPED_TRACE(injection);
@@ -400,10 +401,12 @@ TEST_F(Extract, CopiesEveryFileWithoutStandardStreams)
                 // Through the link the same comes from another file system.
                 "cp large $other; ln -s $other linked; seq 30000 | head -c 131072 >of128k\n"
                 "cp large holes; truncate -s 100M holes; echo middle >>holes; truncate -s 200M holes\n"
+                "truncate -s 3G huge; echo end >>huge\n"
                 // Options in all their forms, and a word too many; the warning that "data" is missing goes nowhere.
                 ZENDREL_PROGRAM " --extract-application --application-full file:///$v/../package --user=alice stray"
                 " --vhost-path $v --application-sub . --metadata '' --www $v/httpdocs --skip-web 0<&- 1>&- 2>&-\n"
-                "diff -r . $v/httpdocs; rm $other; test $(du -k $v/httpdocs/holes | cut -f1) -lt 3000");
+                "diff -rx huge . $v/httpdocs; cmp -i 3G huge $v/httpdocs/huge\n"
+                "rm $other; test $(du -k $v/httpdocs/holes | cut -f1) -lt 3000");
 }
 
 /// Every call of a whole run that could change a file comes after the identity is gone for good,
@@ -422,7 +425,8 @@ TEST_F(Extract, RootChangesNothing)
         // The leak check cannot run under a tracer.
         site_.shell("ASAN_OPTIONS=detect_leaks=0 strace -fs999 -o trace " ZENDREL_PROGRAM " "
                     + boost::join(command, " ") + " <list");
-        const std::string text = read(site_.path("trace"));
+        std::string text = read(site_.path("trace"));
+        boost::replace_all(text, "32(", "(");  // as some architectures call them
         const auto closed = text.find("close_range(3, ");
         const auto uid =
             text.find("setuid(28001)", text.find("setgid(28010)", text.find("setgroups(1, [28010])", closed)));

@@ -220,7 +220,8 @@ TEST(Metadata, ComesFromAFileOrAPatientlyReadPipe)
     EXPECT_NE(read(site.path("trace")).find("events=POLLIN}], 1, 10000)"), std::string::npos);
 
     EXPECT_EQ(run({"sh", "-c", traced + "$trace " + with("/dev/zero")}), says(1, kUnreadable + "/dev/zero\n"));
-    const std::string calls = read(site.path("trace"));
+    std::string calls = read(site.path("trace"));
+    boost::erase_all(calls, "O_LARGEFILE|");  // as machines of 32 bits say
     EXPECT_NE(calls.find("zero\", O_RDONLY|O_CLOEXEC|O_PATH)"), std::string::npos);
     EXPECT_EQ(calls.find("/proc/self/fd"), std::string::npos);
 }
