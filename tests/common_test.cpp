@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <sstream>
 
 using namespace sandbox;
 using namespace tarvik;
@@ -57,6 +58,13 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
     const std::string text =
         trace + "Traceback addresses:\nFatal error: (anonymous namespace)::Tracked(tracked)\n" + trace;
     EXPECT_EQ(printed, (Result {0, "flushed between late " + text, "flushed late " + text, 0}));
+
+    std::ostringstream before, after;
+    Traceback traceback;
+    before << traceback;
+    traceback = Traceback(1000);
+    after << traceback;
+    EXPECT_EQ(after.str(), "Traceback addresses:\n");
 }
 
 TEST(TmpFile, IsAFileOfItsOwnAndCleansUpWithoutThrowing)

@@ -286,7 +286,12 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
     EXPECT_EQ(traced("chmod:signal=STOP:when=1", move).status, 1);
     EXPECT_EQ(site_.listing("vhost/httpdocs/data/d"), site_.listing("untouched"));
 
-    site_.shell("mv vhost/httpdocs/data/d other");
+    site_.shell("mv vhost/httpdocs/data/d other; rm -rf aside vhost/httpdocs/*\n"
+                "cd package/htdocs/data/d; echo x >more/f; mkfifo z");
+    EXPECT_EQ(traced("write:signal=STOP:when=1", swap).status, 1);  // within more: d is come back to
+    EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
+
+    site_.shell("cd package/htdocs/data/d; rm z; : >more/f");
     site_.shell("rm -rf aside vhost/httpdocs/*; mkfifo package/htdocs/z");
     EXPECT_EQ(traced("write:signal=STOP:when=1", swap).status, 1);  // the message, with everything still there
     EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
@@ -354,6 +359,35 @@ TEST_F(Extract, FailingCallsAreMetAndUndone)
     EXPECT_EQ(read(site_.docroot("a")), "cut short]");
 }
 
+TEST(PackagePath, IsWhatFollowsThePrefix)
+{
+    char path[4096] = "untouched";
+    EXPECT_EQ(get_orsa_application_path(path, "file:///") + get_orsa_application_path(path, "File:///ab"), 0);
+    EXPECT_STREQ(path, "untouched");
+    EXPECT_EQ(get_orsa_application_path(path, "file:///a"), 1);
+    EXPECT_STREQ(path, "a");
+}
+
+/// What no command asks for, but callers of the library may.
+TEST_F(Extract, EmptiesADocumentRootOnlyForAnApplicationThatTakesAllOfIt)
+{
+    static const Site* site;
+    static const char* subdir;
+    site = &site_;
+    package({"f"});
+    site_.put("own");
+    for (const std::string where : {"sub", "."}) {
+        subdir = where.c_str();
+        EXPECT_EQ(in_child([] {
+                      _exit(tarvik::fsa_extract_application("file:///" + site->path("package"), site->vhost(),
+                                                            site->docroot(), "alice", subdir, 1, "", false));
+                  }),
+                  says(0, ""));
+        EXPECT_EQ(site_.tree().count("own"), where == "." ? 0u : 1u);
+    }
+    EXPECT_EQ(site_.listing(), "\n- 644 alice:oxacln: f\n");
+}
+
 TEST_F(Extract, HostilePlansAreCarriedOutOrRefusedCheaply)
 {
     const auto many = [](int count, const std::string& before, const std::string& after) {
@@ -380,6 +414,7 @@ TEST_F(Extract, HostilePlansAreCarriedOutOrRefusedCheaply)
              + "</cgi:handler></mapping>",
          says(0, ""), "2001 2000"},
         {nested, says(0, ""), "2801 2000"},
+        {many(190, "<mapping path='flat' url='" + url.substr(0, 500) + "' n='", "'/>"), says(0, ""), "2251 0"},
     };
     for (const auto& [mappings, expected, count] : cases) {
         package({}, mappings);

@@ -81,7 +81,8 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
         {"a long licence", "", kNamed, "<x><![CDATA[" + std::string(100'000, 'c') + "]]></x>", "a||||1.0"},
         {"a comment after a CDATA section", "", kNamed, "<![CDATA[c]]><!--" + std::string(100'000, 'c') + "-->",
          kUnreadable + kFile},
-        {"a default", "<!DOCTYPE a [<!ATTLIST application version CDATA '1.2'>]>", kNamed, "", "a||||1.2"},
+        {"a default", xml + "utf-8'?><!DOCTYPE a [<!ATTLIST application version CDATA '1.2'>]>", kNamed, "",
+         "a||||1.2"},
         {"one namespace after another", "", kNamed, many(70, "<q", " xmlns:q='u'/>"), "a||||1.0"},
         {"something beside the root", "<x/>", kNamed, "", kUnreadable + kFile},
         {"no name", "", "<version/><release/>", "", missing + "name> element is missing."},
@@ -165,6 +166,7 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
     const std::tuple<const char*, std::string, std::string> cases[] = {
         {"long-entity-named-often", "<!ENTITY a '" + large + "'>", "<m '" + many(8'000, "&a;", "") + "'/>"},
         {"many-attributes", "", "<x" + many(4'000, " a", "=''") + "/>"},
+        {"many-with-an-attribute", "", many(33'400, "<a b='", "'/>")},
         {"long-tag", "", "<m '" + std::string(900'000, 'a') + "'/>"},
         {"many-defaults", many(20'000, "<!ATTLIST x b", " CDATA ''>"), many(20'000, "<y/>", "")},
         {"many-namespaces", "", "<x" + many(4'000, " xmlns:n", "='u'") + ">" + many(60'000, "<n0:x", "/>") + "</x>"},

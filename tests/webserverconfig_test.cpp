@@ -96,6 +96,9 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     const Words remove = {"--remove-apache-conf", "--vhost-path=vhost/", "--www-root=", "--config-file-name=app.conf"};
     EXPECT_EQ(zendrel(remove), says(0, ""));
     EXPECT_EQ(site_.listing("system/vhost/conf"), kNoMore);
+    site_.shell("ln -s nowhere system/vhost/conf/siteapp.d/app.conf");
+    EXPECT_EQ(install(""), "0||\nd 755 root:root: siteapp.d\nl 777 root:root: siteapp.d/app.conf=nowhere\n");
+    EXPECT_EQ(zendrel(remove), says(0, ""));
     EXPECT_EQ(zendrel(remove), says(0, ""));  // it is gone, and that is all that was wanted
     EXPECT_EQ(zendrel(changed(remove, {"--config-file-name=."})).status, 1);
 }

@@ -79,6 +79,14 @@ std::string tree_text()
     return read_xml_tree(xml_source(text)) ? "whole" : "refused";
 }
 
+TEST(Xml, RefusesWhatCannotBeReadToItsEnd)
+{
+    EXPECT_FALSE(read_xml_tree([text = xml_source("<a/>")](char* buffer, int size) mutable {
+        const int count = text(buffer, size);
+        return count > 0 ? count : -1;
+    }));
+}
+
 /// What the library does without memory may look like a document that says less.
 TEST(Xml, GivesAllOrThrowsWhenAnAllocationFails)
 {
