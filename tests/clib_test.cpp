@@ -5,6 +5,7 @@
 #include "clib/tarvik_ugid.h"
 #include "tests/support/Sandbox.h"
 
+#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -88,6 +89,14 @@ TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
         EXPECT_EQ(run(words), says_twice(1, "Failed to setuid: 28001\n\nSystem error 1: " + denied));
     }
     EXPECT_TRUE(site.tree().empty());
+}
+
+TEST(Descriptors, AreMovedNotCopied)
+{
+    const int source = open("/dev/null", O_RDONLY);
+    EXPECT_EQ(dup2_custom(source, 20), 0);
+    EXPECT_EQ(fcntl(source, F_GETFD), -1);
+    EXPECT_EQ(close(20), 0);
 }
 
 TEST(Processes, GetTheirStreamsAndNothingElseAndEndInAnExitCode)

@@ -103,6 +103,7 @@ TEST(TExec, ReturnsTheChildAndItsExitCode)
     EXPECT_EQ(unwaited.exit_code, 0);
     EXPECT_EQ(WEXITSTATUS(wait_process(unwaited.pid)), 3);
     EXPECT_EQ(wait_process(unwaited.pid), 0);  // no such child any more
+    EXPECT_EQ((TExec({"true"}) * exit_without_program() & ~path_mode).execute().exit_code, 127);  // not searched for
     const pid_t stopped = (sh("kill -STOP $$") & ~wait_mode).execute().pid;
     EXPECT_TRUE(WIFSTOPPED(wait_process(stopped)));
     EXPECT_EQ(kill(stopped, SIGKILL), 0);
