@@ -4,7 +4,8 @@
 # has headers of its own with the names of ours.
 set -eu
 build=$1 source=$2
-dir=$(mktemp -d)
+unset TMPDIR # its name may need quoting
+dir=$(mktemp -d /tmp/install.XXXXXX)
 trap 'rm -rf "$dir"' EXIT
 cmake --install "$build" --prefix "$dir/moved" >/dev/null
 mv "$dir/moved" "$dir/usr" # nothing may depend on where it was installed

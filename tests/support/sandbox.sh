@@ -58,7 +58,9 @@ if [ $# -eq 0 ]; then
     exit 2
 fi
 
-base=$(mktemp -d "${TMPDIR:-/tmp}/sandbox.XXXXXX")
+[ -e /proc/self/fd/0 ] || exec </dev/null # or the first file that a test opens is its standard input
+unset TMPDIR # its name may need quoting, where what runs inside has paths in commands and settings
+base=$(mktemp -d /tmp/sandbox.XXXXXX)
 trap 'rmdir "$base"' EXIT
 trap 'exit 130' INT TERM HUP
 # shellcheck disable=SC2016 # expanded inside
@@ -69,7 +71,7 @@ if unshare --mount sh -c 'mount -t tmpfs tmpfs "$1" && mount --bind "$1" /etc' s
 fi
 
 echo "sandbox: no private mount namespace here; using throw-away accounts of this container" >&2
-saved=$(mktemp -d)
+saved=$(mktemp -d /tmp/sandbox.XXXXXX)
 cp -p /etc/passwd /etc/group "$saved"
 had_oxa=$([ -d /etc/oxa ] && echo yes || echo no)
 put_back() {
