@@ -49,7 +49,7 @@ sources=$(find app common clib sys tests examples bench fuzz -name '*.cpp' -o -n
 say "Form: clang-format, shellcheck"
 # shellcheck disable=SC2086
 clang-format --dry-run --Werror $sources
-find . -path ./build -prune -o -name '*.sh' -print | sort | xargs shellcheck .ci/run
+find . -path ./build -prune -o -name '*.sh' -print | sort | xargs shellcheck .ci/run .ci/matrix
 
 for preset in release asan; do
     say "Building $preset"
