@@ -166,8 +166,9 @@ void FileCopier::install(const FSAInstallFileinfo& file)
         enter_parent(target);
         if (!is_directory(source, file.type))
             copy_file(source, target, file);
-        else if (create_directories(target))
-            known_.remember(target);
+        else if (struct stat made; create_directories(target) && ::lstat(target.c_str(), &made) == 0
+                 && S_ISDIR(made.st_mode))
+            known_.remember(target, made);
     } catch (const fs::filesystem_error& e) {
         std::ostringstream text;
         text << "Filesystem error: " << e.what() << "(" << e.code() << ")" << source << " -> "

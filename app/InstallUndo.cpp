@@ -49,7 +49,7 @@ class TreeRemoval {
 public:
     /// @param top  the directory. @param name  what it is called, for the length of paths.
     TreeRemoval(TDescriptor top, const std::string& name)
-        : nameLength_(name.size()), chain_(std::move(top))
+        : nameLength_(name.size()), top_(std::move(top)), chain_(top_.get())
     {
     }
 
@@ -73,14 +73,18 @@ private:
         struct stat status;
         if (nameLength_ + 1 + below.size() >= PATH_MAX)  // also bounds how deep this calls itself
             return false;
-        if (::fstatat(chain_.at(path), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        int place = chain_.at(path);
+        if (place < 0 || ::fstatat(place, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
             return is_gone(errno);
         const bool isDirectory = S_ISDIR(status.st_mode);
-        return (!isDirectory || empty(below))
-            && remove_name(chain_.at(path), name.c_str(), isDirectory);
+        if (isDirectory && !empty(below))
+            return false;
+        place = chain_.at(path);  // the way back may be another one
+        return place < 0 ? is_gone(errno) : remove_name(place, name.c_str(), isDirectory);
     }
 
     std::size_t nameLength_;
+    TDescriptor top_;
     DirectoryChain chain_;
 };
 

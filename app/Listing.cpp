@@ -56,7 +56,7 @@ class TreeListing {
 public:
     /// @param top  borrowed. @param name  what it is called in messages.
     TreeListing(int top, const std::string& name, const EnterDirectory& enter)
-        : name_(name), enter_(enter), chain_(TDescriptor(::fcntl(top, F_DUPFD_CLOEXEC, 0)))
+        : name_(name), enter_(enter), chain_(top)
     {
     }
 
@@ -123,7 +123,7 @@ int DirectoryChain::at(const std::string& path)
     while (done < path.size()) {
         const std::size_t start = done == 0 ? 0 : done + 1;
         const std::size_t end = std::min(path.find('/', start), path.size());
-        const int above = levels_.empty() ? top_.get() : levels_.back().directory.get();
+        const int above = levels_.empty() ? top_ : levels_.back().directory.get();
         if (levels_.size() == kMostLevelsHeld)
             levels_.erase(levels_.begin());
         TDescriptor next(::openat(above, path.substr(start, end - start).c_str(),
@@ -133,7 +133,7 @@ int DirectoryChain::at(const std::string& path)
         levels_.push_back({end, std::move(next)});
         done = end;
     }
-    return levels_.empty() ? top_.get() : levels_.back().directory.get();
+    return levels_.empty() ? top_ : levels_.back().directory.get();
 }
 
 TDescriptor DirectoryChain::open(const std::string& path, const char* name, int flags)
@@ -180,11 +180,9 @@ std::vector<ListedEntry> list_tree(const std::string& dir, const EnterDirectory&
     const EntryType type = examine(AT_FDCWD, dir.c_str(), dir);
     if (type != EntryType::Directory)
         return {{"", type}};
-    TDescriptor top(::open(dir.c_str(), kEnterFlags));
-    if (!top)
-        throw_filesystem_error("boost::filesystem::directory_iterator::construct", dir, errno);
-    TreeListing tree(top.get(), dir, enter);
-    return tree.list(std::move(top));
+    const TDescriptor top(::open(dir.c_str(), kEnterFlags));
+    TDescriptor readable(top ? ::fcntl(top.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    return TreeListing(top.get(), dir, enter).list(std::move(readable));
 }
 
 std::vector<ListedEntry> list_tree(int top, const std::string& name, const EnterDirectory& enter)

@@ -26,8 +26,8 @@ struct ListedEntry {
  */
 class DirectoryChain {
 public:
-    /// @param top  the directory that all paths start from.
-    explicit DirectoryChain(TDescriptor top) : top_(std::move(top)) { }
+    /// @param top  the directory that all paths start from, borrowed.
+    explicit DirectoryChain(int top) : top_(top) { }
 
     /**
      * @param path  names below the top with one separator between; the empty path is the top.
@@ -45,7 +45,7 @@ private:
         TDescriptor directory;
     };
 
-    TDescriptor top_;
+    int top_;
     std::string path_;           ///< of the deepest level
     std::vector<Level> levels_;  ///< without gaps, the deepest last
 };

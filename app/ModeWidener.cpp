@@ -145,12 +145,12 @@ public:
     void widen(const std::string& dir)
     {
         const TDescriptor top = open_destination(dir);
-        if (!top && errno != ENOENT)
-            std::cerr << dir << ": " << std::strerror(errno) << '\n';
         const int error = errno;
+        if (!top && error != ENOENT)
+            std::cerr << dir << ": " << std::strerror(error) << '\n';
         const std::vector<ListedEntry> entries = list(dir, top.get());
         Exclusions exclusions(dir, others_);
-        DirectoryChain chain(TDescriptor(top ? ::fcntl(top.get(), F_DUPFD_CLOEXEC, 0) : -1));
+        DirectoryChain chain(top.get());
         for (const ListedEntry& entry : entries) {
             if (exclusions.cover(entry.path))
                 continue;

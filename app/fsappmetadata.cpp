@@ -97,7 +97,7 @@ TDescriptor open_file_or_pipe(const std::string& fileName)
         || !(S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode)))
         return TDescriptor();
     // What was examined, whatever the name leads to by now.
-    const std::string examined = "/proc/self/fd/" + std::to_string(found.get());
+    const std::string examined = descriptor_path(found.get());
     return TDescriptor(::open(examined.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 

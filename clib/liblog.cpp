@@ -1,6 +1,6 @@
 #include "clib/liblog.h"
 
-#include "common/FreeMemory.h"
+#include "clib/malloc_text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kFirstSize = 4096;
 
-using Text = tarvik::MallocText;
+using Text = MallocText;
 
 /// A formatted message in a buffer that may have room to spare.
 struct Message {

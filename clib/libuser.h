@@ -2,8 +2,8 @@
 
 /**
  * Changing the identity of the whole process for good: real, effective and saved ids, the
- * supplementary groups and, but for root, all capabilities. The result is checked. Any failure is
- * printed through `messlog2` and ends the process with 1.
+ * supplementary groups and, but for root, all capabilities. Ids and capabilities are read back. Any
+ * failure is printed through `messlog2` and ends the process with 1.
  */
 extern "C" {
 

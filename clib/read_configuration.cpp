@@ -1,7 +1,7 @@
 #include "clib/read_configuration.h"
 
+#include "clib/malloc_text.h"
 #include "clib/product_log.h"
-#include "common/FreeMemory.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -94,7 +94,7 @@ struct Release {
     void operator()(FILE* file) const noexcept { static_cast<void>(std::fclose(file)); }
     void operator()(conf_table* table) const noexcept { conf_free_r(table); }
 };
-using Text = tarvik::MallocText;
+using Text = MallocText;
 using File = std::unique_ptr<FILE, Release>;
 using Table = std::unique_ptr<conf_table, Release>;
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdlib>
-#include <memory>
 
 namespace tarvik {
 
@@ -9,8 +8,5 @@ namespace tarvik {
 struct FreeMemory {
     void operator()(void* memory) const noexcept { std::free(memory); }
 };
-
-/// Owns a text from malloc.
-using MallocText = std::unique_ptr<char, FreeMemory>;
 
 }  // namespace tarvik

@@ -27,7 +27,7 @@ public:
     }
 
 private:
-    MallocText buffer_;
+    std::unique_ptr<char, FreeMemory> buffer_;
     std::size_t size_ = 0;
 };
 

@@ -55,7 +55,8 @@ void watch_allocations()
         [](std::size_t size) { return watched([size] { return watch.allocate(size); }); },
         [](std::size_t size) { return watched([size] { return watch.allocateAtomic(size); }); },
         [](void* memory, std::size_t size) {
-            return watched([memory, size] { return watch.reallocate(memory, size); });
+            const auto allocate = [memory, size] { return watch.reallocate(memory, size); };
+            return size == 0 ? allocate() : watched(allocate);  // it frees, and gives nothing
         },
         [](const char* text) { return watched([text] { return watch.duplicate(text); }); }));
 }
