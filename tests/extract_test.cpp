@@ -208,7 +208,13 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
         EXPECT_EQ(extract().status, 1) << odd;
         EXPECT_EQ(site_.tree().count("a") + site_.tree("vhost/d").size(), 0u) << odd;
     }
-    site_.shell("rm package/htdocs/p");
+    // Nor does it follow a link that the copy has not come to.
+    package({"q/f"});
+    site_.shell("mkfifo package/htdocs/a; mkdir -p vhost/d; touch vhost/d/f; chown -R alice vhost/d\n"
+                "rm -rf vhost/httpdocs/*; ln -s ../d vhost/httpdocs/q");
+    EXPECT_EQ(extract().status, 1);
+    EXPECT_EQ(site_.tree("vhost/d").count("f"), 1u);
+    site_.shell("rm -r package/htdocs/[apq]");
 
     // A path that no call takes is not made, even where its directory is in reach; it is listed, but not entered.
     site_.put("data/");
