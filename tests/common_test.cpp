@@ -50,8 +50,8 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
     const Result printed = in_child([] {
         uerr << "flushed " << std::flush << "late ";
         std::cout << "between ";
-        const Tracked original(0);
-        uerr << Tracked(original) << Tracked(1000);  // each frees its own symbols
+        const Tracked original(0), skipped(1000);
+        uerr << Tracked(original) << Tracked(skipped);  // each frees its own symbols
         reportException<std::exception>(original);
     });
     const std::string trace = printed.err.substr(printed.err.rfind("Traceback:\n\t"));

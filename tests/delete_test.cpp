@@ -46,7 +46,7 @@ TEST_F(Delete, TakesExactlyWhatIsListedChildrenFirst)
 
 TEST_F(Delete, RemovesThePrefixDirectoryLast)
 {
-    const std::string list = site_.list({"f", "d/g", "d"}), subdir = "--application-subdirectory=";
+    const std::string list = site_.list({"", "f", "d/g", "d"}), subdir = "--application-subdirectory=";
     for (const char* path : {"blog/", "blog/f", "blog/d/", "blog/d/g", "keep/", "keep/k"})
         site_.put(path);
     EXPECT_EQ(remove(list, {subdir + "blog"}), says(0, ""));

@@ -85,7 +85,7 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
          "a||||1.2"},
         {"one namespace after another", "", kNamed, many(70, "<q", " xmlns:q='u'/>"), "a||||1.0"},
         {"something beside the root", "<x/>", kNamed, "", kUnreadable + kFile},
-        {"no name", "", "<version/><release/>", "", missing + "name> element is missing."},
+        {"no name", xml + "US-ASCII'?>", "<version/><release/>", "", missing + "name> element is missing."},
         {"no version", "", "<name/><release/>", "", missing + "version> element is missing."},
         {"no release reads as no name", "", "<name/><version/>", "", missing + "name> element is missing."},
         {"no url", "", kNamed, "<mapping path='x'/>", missing + "mapping> has no url attribute."},
