@@ -82,7 +82,7 @@ TEST(Removal, EmptiesApplicationDirectoriesAndTakesInstancesInOrder)
 
 dirent* readdir(DIR* directory)
 {
-    static const auto next = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+    static const auto next = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir64"));
     dirent* const entry = next(directory);
     if (entry != nullptr && !typesTold)
         entry->d_type = DT_UNKNOWN;
