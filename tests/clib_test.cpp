@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <regex>
 
 using namespace sandbox;
 
@@ -41,6 +42,12 @@ TEST(Messages, GoToBothStreamsWithTheSystemErrorOrUpToTheThreshold)
               says_twice(7,
                          "info 1\nheard 1 12 1\nno second newline\n" + zeros(4053) + kNoFile + zeros(4054) + zeros(4096)
                              + "tool: path\n" + kNoFile + "gone\n\n" + kNoFile));
+    const Result logged = in_child([] {
+        tarvik_log_init(nullptr, 1, LOG_USER, LOG_PERROR, "id");
+        tarvik_log(LOG_INFO, "heard");
+        exit(0);
+    });
+    EXPECT_TRUE(std::regex_match(logged.err, std::regex("id\\[\\d+\\]: heard\n"))) << logged;
 }
 
 TEST(Accounts, AreFoundByNameAndNumberElseReportedAndZero)

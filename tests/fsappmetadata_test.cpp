@@ -114,8 +114,11 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
     static_assert(!std::is_assignable_v<FSAMetaDataReader&, FSAMetaDataReader>);
     const FSAMetaDataReader reader(kFile);
     FSAMetaDataWebContent content = reader.webContents().front();
-    content = reader.webContents().back();  // not the handlers and the redirect
+    FSAMetaDataWebContent other = reader.webContents().back();
+    other.reserved = 7;
+    content = other;  // not the handlers and the redirect
     EXPECT_EQ(content.url + content.path + content.redirect + std::to_string(content.depth), "/a&b/c/a&b/c/t2");
+    EXPECT_EQ(content.reserved, 7);
 }
 
 TEST(Metadata, MayBeInTwoByteCharactersAndLoadsNoConversion)
@@ -149,6 +152,11 @@ TEST(Metadata, IsReadUpToItsLimits)
         EXPECT_EQ(result_of(package(kNamed + content(static_cast<int>(most)))), "a||||1.0") << most;
         EXPECT_EQ(result_of(package(kNamed + content(static_cast<int>(most) + 1))), kUnreadable + kFile) << most;
     }
+    const auto listing = [](int values) {
+        return "<!DOCTYPE x [<!ATTLIST x a (" + many(values - 1, "n", "|") + "n) #IMPLIED>]>" + package(kNamed);
+    };
+    EXPECT_EQ(result_of(listing(1'000)), "a||||1.0");
+    EXPECT_EQ(result_of(listing(1'001)), kUnreadable + kFile);
 }
 
 /// Documents of up to 1 MB that make a careless reader use gigabytes or minutes, and what is no local file.
