@@ -20,7 +20,7 @@ build/demo and works in tests/support/sandbox.sh, which leaves the host's accoun
 Apache listens on this host only, at a free port, with a configuration of its own."
 
 # apache2-bin has the server without its service.
-debian_packages=(g++ cmake make libboost-filesystem-dev libboost-program-options-dev libxml2-dev
+debian_packages=(g++ cmake make libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev
     tree util-linux mount procps apache2-bin libapache2-mod-php perl curl)
 guestbook=examples/packages/guestbook
 own_page=kept-by-its-owner.html

@@ -23,10 +23,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 packages="g++ cmake make pkg-config clang-format clang-tidy shellcheck strace
-    libboost-filesystem-dev libboost-program-options-dev libxml2-dev libgtest-dev
+    libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev libgtest-dev
     apache2-bin libapache2-mod-php php-cli perl curl"
 [ $# -eq 0 ] || packages="cmake make clang libclang-rt-14-dev
-    libboost-filesystem-dev libboost-program-options-dev libxml2-dev"
+    libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev"
 missing=
 for package in $packages; do
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
@@ -44,7 +44,7 @@ if [ $# -ne 0 ]; then
 fi
 
 jobs=$(nproc)
-sources=$(find app common clib sys tests examples bench fuzz -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
+sources=$(find app common clib ctl sys tests examples bench fuzz -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)
 
 say "Form: clang-format, shellcheck"
 # shellcheck disable=SC2086
@@ -58,7 +58,7 @@ for preset in release asan; do
 done
 
 say "Form: clang-tidy"
-find app common clib sys -name '*.cpp' 2>/dev/null | sort |
+find app common clib ctl sys -name '*.cpp' 2>/dev/null | sort |
     xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/release 2>/dev/null
 
 status=0

@@ -43,13 +43,13 @@ void install_or_undo(const InstallPlan& plan, const std::string& packageDir,
     }
 }
 
+}  // namespace
+
 std::string application_dir(const std::string& documentRoot, const std::string& appSubdir)
 {
     const bool isDocumentRoot = appSubdir == "." || appSubdir == "/";
     return isDocumentRoot ? documentRoot : join(documentRoot, appSubdir);
 }
-
-}  // namespace
 
 bool fsa_install_htdocsfiles(const std::string& packageDir, const std::string& documentRoot,
                              const std::string& appSubdir, const FSAMetaDataReader& metadata,

@@ -6,6 +6,9 @@ namespace tarvik {
 
 class FSAMetaDataReader;
 
+/// @return the directory that `appSubdir` names; "." and "/" are the document root itself.
+std::string application_dir(const std::string& documentRoot, const std::string& appSubdir);
+
 /**
  * Copies a package's web content into the document root along its URL mappings and gives every file
  * its mode. Everything is done with the identity the process has; owners are not changed, modes of

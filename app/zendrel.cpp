@@ -5,10 +5,8 @@
 #include "app/webserverconfig.h"
 #include "common/ExSystemError.h"
 #include "common/UtilityErrorStream.h"
+#include "common/misc.h"
 #include "common/signals.h"
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <exception>
@@ -50,15 +48,6 @@ constexpr char kUsage[] =
     "        display this help\n";
 
 using CommandHandler = int (*)(int argc, char** argv);
-
-/// A file that is opened under the number of a missing stream would receive its messages.
-void occupy_standard_descriptors()
-{
-    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
-        if (::fcntl(number, F_GETFD) < 0)
-            static_cast<void>(::open("/dev/null", O_RDWR));  // takes the lowest free number
-    }
-}
 
 }  // namespace
 

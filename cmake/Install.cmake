@@ -6,7 +6,7 @@ include(GNUInstallDirs)
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zendrel)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/zendrel)
 
-install(TARGETS zendrel RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS zendrel zendrelctl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
 # Found from where the file lies, so that the tree may be moved.
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

@@ -36,6 +36,14 @@ std::string descriptor_path(int descriptor)
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
+void occupy_standard_descriptors()
+{
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+        if (::fcntl(number, F_GETFD) < 0)
+            static_cast<void>(::open("/dev/null", O_RDWR));  // takes the lowest free number
+    }
+}
+
 PathAt LastDirectory::at(const std::string& path)
 {
     const PathAt whole = {AT_FDCWD, path.c_str()};

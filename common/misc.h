@@ -42,6 +42,10 @@ using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
 /// @return a path that leads to an open file, also to one that was opened as a place only (O_PATH).
 std::string descriptor_path(int descriptor);
 
+/// Opens "/dev/null" in place of standard streams that are missing: else a file that is opened
+/// under the number of one would receive what is written on it.
+void occupy_standard_descriptors();
+
 /// Makes a system call until no signal interrupts it. @return its last result, with `errno`.
 template <class Call>
 auto retried(Call call)

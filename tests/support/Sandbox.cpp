@@ -109,6 +109,13 @@ Result zendrel(const Words& words, const std::string& input, const Limits& limit
     return run(all, input, limits);
 }
 
+Result zendrelctl(const Words& words, const std::string& input, const Limits& limits)
+{
+    Words all = {ZENDREL_CONTROL_PROGRAM};
+    all.insert(all.end(), words.begin(), words.end());
+    return run(all, input, limits);
+}
+
 Result in_child(void (*body)())
 {
     return run_child("", [body] { body(), std::exit(0); });
@@ -162,6 +169,15 @@ Words Site::extract(const Words& changes) const
                     "--metadata-file=", "--vhost-path=" + vhost(), "--user-name=alice", "--application-subdirectory=.",
                     "--www-root=" + path("vhost/httpdocs")},
                    changes);
+}
+
+Words Site::ctl(const Words& command, const Words& changes) const
+{
+    Words words = command;
+    for (const std::string& word : {"--vhost-path=" + vhost(), "--www-root=" + path("vhost/httpdocs"),
+                                    std::string("--user-name=alice"), std::string("--application-subdirectory=app")})
+        words.push_back(word);
+    return changed(words, changes);
 }
 
 Words Site::remove(const Words& changes) const

@@ -47,6 +47,9 @@ Result run(const Words& words, const std::string& input = "", const Limits& limi
 /// Runs the program under test.
 Result zendrel(const Words& words, const std::string& input = "", const Limits& limits = {});
 
+/// Runs the administrator's program.
+Result zendrelctl(const Words& words, const std::string& input = "", const Limits& limits = {});
+
 /// Runs `body` in a child and returns its exit status and both streams.
 Result in_child(void (*body)());
 
@@ -74,6 +77,8 @@ public:
     /// The extract command for this package and site. A word replaces the option of its name.
     Words extract(const Words& changes = {}) const;
     Words remove(const Words& changes = {}) const;
+    /// A command of zendrelctl for this site, or this package and site, in the subdirectory "app".
+    Words ctl(const Words& command, const Words& changes = {}) const;
     std::string list(const Words& files, const std::string& section = "htdocs") const;
 
     /// Everything below a directory: path to "type mode owner:group content or target".

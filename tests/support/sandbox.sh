@@ -1,6 +1,6 @@
 #!/bin/sh
-# Runs a command on a host of its own: accounts, groups, /etc/oxa and a place for virtual hosts that
-# vanish with it. Used by the tests, the demonstration and the benchmarks.
+# Runs a command on a host of its own: accounts, groups, /etc/oxa, an empty /var/lib and a place for
+# virtual hosts that vanish with it. Used by the tests, the demonstration and the benchmarks.
 #
 #   sandbox.sh COMMAND [ARGUMENT...]
 #
@@ -48,9 +48,10 @@ if [ "${1-}" = --inside ]; then
     shift 2
     mount -t tmpfs -o mode=0755 tmpfs "$base"
     cp -a /etc "$base/etc"
-    mkdir "$base/sandbox"
+    mkdir "$base/sandbox" "$base/lib"
     add_accounts "$base/etc" "$base/sandbox"
     mount --bind "$base/etc" /etc
+    mount --bind "$base/lib" /var/lib # where zendrelctl keeps its records
     SANDBOX_MODE=namespace SANDBOX_DIR=$base/sandbox exec "$@"
 fi
 if [ $# -eq 0 ]; then
@@ -74,10 +75,12 @@ echo "sandbox: no private mount namespace here; using throw-away accounts of thi
 saved=$(mktemp -d /tmp/sandbox.XXXXXX)
 cp -p /etc/passwd /etc/group "$saved"
 had_oxa=$([ -d /etc/oxa ] && echo yes || echo no)
+had_records=$([ -d /var/lib/zendrel ] && echo yes || echo no)
 put_back() {
     cat "$saved/passwd" >/etc/passwd
     cat "$saved/group" >/etc/group
     [ "$had_oxa" = yes ] || rm -rf /etc/oxa
+    [ "$had_records" = yes ] || rm -rf /var/lib/zendrel
     rm -rf "$saved" "$base"
 }
 trap put_back EXIT

@@ -1,0 +1,174 @@
+#include "ctl/Child.h"
+
+#include "app/SiteUser.h"
+#include "clib/libuser.h"
+#include "clib/tarvik_ugid.h"
+#include "common/misc.h"
+#include "ctl/Output.h"
+#include "ctl/Trouble.h"
+#include "ctl/commands.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+namespace tarvik::ctl {
+
+namespace {
+
+/// Exit status of a child that has written, in place of an answer, what was wrong.
+constexpr int kComplaint = 3;
+
+[[noreturn]] void throw_failed(const char* what)
+{
+    throw Trouble(std::string(what) + ": " + std::strerror(errno));
+}
+
+void require_user(const std::string& user)
+{
+    const passwd* const entry = ::getpwnam(user.c_str());
+    if (entry == nullptr)
+        throw Trouble("no such user: " + user);
+    if (entry->pw_uid == 0)
+        throw Trouble("a site cannot belong to root: " + user);
+}
+
+void become(const std::string& user)
+{
+    if (user != kWebServerUser)
+        return become_site_user(user);
+    // Its home is the server's business and may not be there.
+    ::closefrom(STDERR_FILENO + 1);
+    p_setuid_ex(kWebServerUser, 0, 0);
+}
+
+int report(const char* text)
+{
+    std::cerr << "zendrelctl: " << printable(text) << std::endl;
+    return kTrouble;
+}
+
+template <class Work>
+int guarded(const Work& work)
+try {
+    const int status = work();
+    return std::cout.flush() ? status : report("standard output cannot be written");
+} catch (const std::exception& e) {
+    return report(e.what());
+}
+
+template <class Body>
+pid_t start(const Body& body)
+{
+    std::cout.flush();
+    const pid_t child = ::fork();
+    if (child < 0)
+        throw_failed("cannot start a process");
+    if (child == 0)
+        ::_exit(body());  // what this process does at its end is not the child's to do
+    return child;
+}
+
+int wait_for(pid_t child)
+{
+    int status = 0;
+    if (retried([&] { return ::waitpid(child, &status, 0); }) != child)
+        throw_failed("cannot wait for a process");
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    return report(("a process was ended by signal " + std::to_string(WTERMSIG(status))).c_str());
+}
+
+std::string read_all(int descriptor)
+{
+    std::string text;
+    std::array<char, 65536> buffer;
+    for (;;) {
+        const ssize_t count =
+            retried([&] { return ::read(descriptor, buffer.data(), buffer.size()); });
+        if (count < 0)
+            throw_failed("cannot read from a process");
+        if (count == 0)
+            return text;
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+}
+
+bool write_all(std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t count =
+            retried([&] { return ::write(STDOUT_FILENO, text.data(), text.size()); });
+        if (count < 0)
+            return false;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+int answer(const std::function<std::string()>& work)
+{
+    std::string text;
+    int status = kDone;
+    try {
+        text = work();
+    } catch (const std::exception& e) {
+        text = e.what();
+        status = kComplaint;
+    }
+    return write_all(text) ? status : kTrouble;
+}
+
+}  // namespace
+
+int run_in_child(const std::function<int()>& work)
+{
+    return wait_for(start([&] { return guarded(work); }));
+}
+
+int run_as(const std::string& user, const std::function<int()>& work)
+{
+    require_user(user);
+    return run_in_child([&] {
+        return run_in_child([&] {
+            become(user);
+            return work();
+        });
+    });
+}
+
+std::string ask_as(const std::string& user, const std::function<std::string()>& work)
+{
+    require_user(user);
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        throw_failed("cannot open a pipe");
+    TDescriptor from_child(ends[0]);
+    TDescriptor to_parent(ends[1]);
+    const pid_t keeper = start([&] {
+        return guarded([&] {
+            return wait_for(start([&] {
+                if (::dup2(to_parent.get(), STDOUT_FILENO) < 0)
+                    return report(std::strerror(errno));
+                become(user);
+                return answer(work);
+            }));
+        });
+    });
+    to_parent.reset();
+    const std::string text = read_all(from_child.get());
+    const int status = wait_for(keeper);
+    if (status == kComplaint)
+        throw Trouble(text);
+    if (status != kDone)
+        throw Trouble("the work of " + user + " was not done");
+    return text;
+}
+
+}  // namespace tarvik::ctl

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+/// Work in child processes. All that looks at or changes a site is done by its own user, never by
+/// root: whatever the user or the web server swaps meanwhile, it is done with no more rights than
+/// theirs.
+namespace tarvik::ctl {
+
+/**
+ * Runs `work` in a child and waits for it. The child keeps this process' descriptors, and with them
+ * its locks, until the work is over, also when this process is killed.
+ * @return what it returned; kTrouble, reported on standard error, for what it threw or died of.
+ */
+int run_in_child(const std::function<int()>& work);
+
+/// The same, as that user, with no descriptor but the standard streams, working in the user's home
+/// directory. @throws Trouble when there is no such user, or it is root.
+int run_as(const std::string& user, const std::function<int()>& work);
+
+/// The same for work that has an answer. Nothing else may be written on standard output meanwhile.
+/// @throws Trouble with the text of what the work threw.
+std::string ask_as(const std::string& user, const std::function<std::string()>& work);
+
+}  // namespace tarvik::ctl

@@ -1,0 +1,154 @@
+#include "ctl/Digest.h"
+
+#include "common/misc.h"
+#include "ctl/Output.h"
+#include "ctl/Trouble.h"
+
+#include <openssl/evp.h>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <system_error>
+#include <thread>
+
+namespace tarvik::ctl {
+
+namespace {
+
+constexpr std::size_t kMostThreads = 8;
+constexpr std::size_t kFilesWorthAThread = 64;
+constexpr std::size_t kBufferSize = 128 * 1024;
+
+struct FreeContext {
+    void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
+};
+struct FreeAlgorithm {
+    void operator()(EVP_MD* algorithm) const noexcept { EVP_MD_free(algorithm); }
+};
+using Algorithm = std::unique_ptr<EVP_MD, FreeAlgorithm>;
+
+std::string hexadecimal(const unsigned char* bytes, unsigned length)
+{
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned i = 0; i < length; ++i) {
+        text += kDigits[bytes[i] >> 4U];
+        text += kDigits[bytes[i] & 0x0fU];
+    }
+    return text;
+}
+
+/// Reads one file after the other.
+class Reader {
+public:
+    explicit Reader(const EVP_MD* algorithm)
+        : algorithm_(algorithm), context_(EVP_MD_CTX_new()), buffer_(kBufferSize)
+    {
+    }
+
+    Digest read(int directory, const std::string& path)
+    {
+        const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        const TDescriptor file(::openat(directory, path.c_str(), flags));
+        struct stat status;
+        if (!file || ::fstat(file.get(), &status) != 0)
+            return {"", errno};
+        if (!S_ISREG(status.st_mode))
+            return {"", EOPNOTSUPP};
+        if (!context_ || EVP_DigestInit_ex(context_.get(), algorithm_, nullptr) != 1)
+            return {"", ENOMEM};
+        for (;;) {
+            const ssize_t count =
+                retried([&] { return ::read(file.get(), buffer_.data(), buffer_.size()); });
+            if (count < 0)
+                return {"", errno};
+            if (count == 0)
+                break;
+            EVP_DigestUpdate(context_.get(), buffer_.data(), static_cast<std::size_t>(count));
+        }
+        std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
+        unsigned length = 0;
+        EVP_DigestFinal_ex(context_.get(), bytes.data(), &length);
+        return {hexadecimal(bytes.data(), length), 0};
+    }
+
+private:
+    const EVP_MD* algorithm_;
+    std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
+    std::vector<char> buffer_;
+};
+
+std::size_t processors()
+{
+    cpu_set_t set;
+    if (::sched_getaffinity(0, sizeof set, &set) != 0)
+        return 1;
+    return static_cast<std::size_t>(CPU_COUNT(&set));
+}
+
+/// Threads that are joined at the end, however it comes.
+class Threads {
+public:
+    template <class Work>
+    void start(std::size_t count, const Work& work)
+    {
+        try {
+            while (threads_.size() < count)
+                threads_.emplace_back(work);
+        } catch (const std::system_error&) {
+            return;  // those that run, and the caller, do it alone
+        }
+    }
+    Threads() = default;
+    Threads(const Threads&) = delete;
+    Threads& operator=(const Threads&) = delete;
+    ~Threads()
+    {
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+
+private:
+    std::vector<std::thread> threads_;
+};
+
+}  // namespace
+
+std::vector<Digest> digests(const std::string& directory, const std::vector<std::string>& paths)
+{
+    std::vector<Digest> results(paths.size());
+    const TDescriptor top(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!top) {
+        std::fill(results.begin(), results.end(), Digest {"", errno});
+        return results;
+    }
+    const Algorithm algorithm(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+    if (!algorithm)
+        throw Trouble("the cryptographic library has no SHA-256");
+    Progress progress("Reading", paths.size());
+    std::atomic<std::size_t> next {0};
+    const auto read_some = [&](Progress* shown) {
+        Reader reader(algorithm.get());
+        for (std::size_t i; (i = next++) < paths.size();) {
+            results[i] = reader.read(top.get(), paths[i]);
+            if (shown != nullptr)
+                shown->show(i);
+        }
+    };
+    const std::size_t most =
+        std::min({processors(), kMostThreads, paths.size() / kFilesWorthAThread + 1});
+    Threads others;
+    others.start(most - 1, [&] { read_some(nullptr); });
+    read_some(&progress);
+    return results;
+}
+
+}  // namespace tarvik::ctl
