@@ -54,24 +54,6 @@ constexpr RequiredBits kRequiredBits[] = {
 };
 // clang-format on
 
-mode_t required_bits(const struct stat& status, uid_t siteUser)
-{
-    static const uid_t webServer = tarvik_ugid(kWebServerUser, 0);
-    static const gid_t services = get_group_id(kServicesGroup);
-    static const gid_t clients = get_group_id(kClientsGroup);
-
-    const Owner owner = status.st_uid == webServer ? Owner::WebServer
-        : status.st_uid == siteUser                ? Owner::SiteUser
-                                                   : Owner::Other;
-    const gid_t shared = owner == Owner::WebServer ? clients : services;
-    const Group group = status.st_gid == shared ? Group::Shared : Group::Another;
-    const auto* const row = std::find_if(
-        std::begin(kRequiredBits), std::end(kRequiredBits), [&](const RequiredBits& bits) {
-            return bits.owner == owner && (bits.group == group || bits.group == Group::Any);
-        });
-    return S_ISDIR(status.st_mode) ? row->directory : row->file;
-}
-
 /// @param entry  what `path` names, opened as a place.
 /// @return false with `errno` when the mode had to be changed and could not be.
 bool makeWritableByWebserver(const std::string& path, int entry, const struct stat& status,
@@ -235,6 +217,24 @@ private:
 };
 
 }  // namespace
+
+mode_t required_bits(const struct stat& status, uid_t siteUser)
+{
+    static const uid_t webServer = tarvik_ugid(kWebServerUser, 0);
+    static const gid_t services = get_group_id(kServicesGroup);
+    static const gid_t clients = get_group_id(kClientsGroup);
+
+    const Owner owner = status.st_uid == webServer ? Owner::WebServer
+        : status.st_uid == siteUser                ? Owner::SiteUser
+                                                   : Owner::Other;
+    const gid_t shared = owner == Owner::WebServer ? clients : services;
+    const Group group = status.st_gid == shared ? Group::Shared : Group::Another;
+    const auto* const row = std::find_if(
+        std::begin(kRequiredBits), std::end(kRequiredBits), [&](const RequiredBits& bits) {
+            return bits.owner == owner && (bits.group == group || bits.group == Group::Any);
+        });
+    return S_ISDIR(status.st_mode) ? row->directory : row->file;
+}
 
 void widen_writable_mappings(const InstallPlan& plan, const std::string& appDir,
                              TargetDirectories& directories, uid_t siteUser)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
@@ -8,6 +9,10 @@ namespace tarvik {
 
 struct InstallPlan;
 class TargetDirectories;
+
+/// @return the permission bits that a file or directory in a writable mapping has to have.
+/// @param status  of it, as it is now.
+mode_t required_bits(const struct stat& status, uid_t siteUser);
 
 /**
  * Lets the web server write in the writable mappings of an installation, except where another

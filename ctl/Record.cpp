@@ -91,6 +91,7 @@ static void to_json(Json& json, const Exchange& exchange)
 {
     json = {{"command", exchange.command},
             {"directory", exchange.directory},
+            {"outgoing-mode", exchange.outgoingMode},
             {"release", exchange.release}};
     if (exchange.incoming)
         json["incoming"] = {exchange.incoming->device, exchange.incoming->inode};
@@ -100,6 +101,7 @@ static void from_json(const Json& json, Exchange& exchange)
 {
     json.at("command").get_to(exchange.command);
     json.at("directory").get_to(exchange.directory);
+    json.at("outgoing-mode").get_to(exchange.outgoingMode);
     json.at("release").get_to(exchange.release);
     if (const auto incoming = json.find("incoming"); incoming != json.end())
         exchange.incoming = Identity {incoming->at(0).get<dev_t>(), incoming->at(1).get<ino_t>()};
@@ -177,15 +179,15 @@ InstanceRecord record_from(const std::string& text)
     });
 }
 
-std::string files_text(const std::vector<RecordedFile>& files)
+std::string release_text(const Release& release)
 {
-    return with_json("files cannot be told", [&files] { return Json(files).dump(); });
+    return with_json("a release cannot be told", [&release] { return Json(release).dump(); });
 }
 
-std::vector<RecordedFile> files_from(const std::string& text)
+Release release_from(const std::string& text)
 {
-    return with_json("files were not told",
-                     [&text] { return Json::parse(text).get<std::vector<RecordedFile>>(); });
+    return with_json("a release was not told",
+                     [&text] { return Json::parse(text).get<Release>(); });
 }
 
 }  // namespace tarvik::ctl

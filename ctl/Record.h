@@ -62,6 +62,7 @@ struct Exchange {
     std::string command;               ///< what began it, such as "upgrade"
     std::string directory;             ///< of the tree to come in, beside the application's
     std::optional<Identity> incoming;  ///< none as long as that tree is being made
+    mode_t outgoingMode = 0;           ///< of the tree that is in use before
     Release release;                   ///< what is in it
 };
 
@@ -87,8 +88,8 @@ const char* state_name(State state);
 std::string record_text(const InstanceRecord& record);
 InstanceRecord record_from(const std::string& text);
 
-/// Files alone, for what one process tells another.
-std::string files_text(const std::vector<RecordedFile>& files);
-std::vector<RecordedFile> files_from(const std::string& text);
+/// A release alone, for what one process tells another.
+std::string release_text(const Release& release);
+Release release_from(const std::string& text);
 
 }  // namespace tarvik::ctl

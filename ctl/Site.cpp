@@ -14,8 +14,6 @@ namespace tarvik::ctl {
 
 namespace {
 
-constexpr char kDocumentRootItself[] = ".";
-
 /// A path without empty and "." elements. @throws Trouble for one with "..".
 std::string spelled_once(const std::string& path, const char* option)
 {

@@ -4,6 +4,9 @@
 
 namespace tarvik::ctl {
 
+/// The subdirectory that is the document root.
+constexpr char kDocumentRootItself[] = ".";
+
 /// Where an application goes, in the words of zendrel's own options.
 struct Site {
     std::string vhostPath;

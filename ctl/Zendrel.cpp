@@ -6,6 +6,8 @@
 #include "sys/TExec.h"
 #include "sys/exec_strategy.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,6 +23,34 @@ namespace {
 class RestoreSignals : public sys::TExec::TPrepare {
 public:
     void bef_exec(sys::TExec& /*exec*/) override { restore_write_signals(); }
+};
+
+/// zendrel moves the position in a file that is its standard stream back to the start when a script
+/// has run. As long as this lives, what is written goes to the end all the same; so does what
+/// follows.
+class AppendingStream {
+public:
+    explicit AppendingStream(int stream) : stream_(stream), flags_(::fcntl(stream, F_GETFL))
+    {
+        struct stat status;
+        if (::fstat(stream, &status) != 0 || !S_ISREG(status.st_mode))
+            flags_ = -1;
+        if (flags_ >= 0)
+            static_cast<void>(::fcntl(stream_, F_SETFL, flags_ | O_APPEND));
+    }
+    AppendingStream(const AppendingStream&) = delete;
+    AppendingStream& operator=(const AppendingStream&) = delete;
+    ~AppendingStream()
+    {
+        if (flags_ < 0)
+            return;
+        static_cast<void>(::lseek(stream_, 0, SEEK_END));
+        static_cast<void>(::fcntl(stream_, F_SETFL, flags_));
+    }
+
+private:
+    int stream_;
+    int flags_;  ///< negative for what is no file
 };
 
 std::string zendrel_path()
@@ -89,6 +119,8 @@ int run_script(const PackageSource& package, const Site& site, const std::string
     };
     for (const std::string& parameter : parameters)
         words.push_back("--additional-script-params=" + parameter);
+    const AppendingStream output(STDOUT_FILENO);
+    const AppendingStream errors(STDERR_FILENO);
     return run_zendrel(words);
 }
 

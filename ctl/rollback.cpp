@@ -1,7 +1,67 @@
+#include "ctl/CommandLine.h"
+#include "ctl/Deployment.h"
+#include "ctl/InstanceStore.h"
+#include "ctl/KeptTrees.h"
+#include "ctl/Output.h"
+#include "ctl/TreeExchange.h"
 #include "ctl/Trouble.h"
 #include "ctl/commands.h"
 
-int tarvik::ctl::rollback(int /*argc*/, char** /*argv*/)
+#include <iostream>
+
+namespace po = boost::program_options;
+
+namespace tarvik::ctl {
+
+namespace {
+
+constexpr char kCommand[] = "rollback";
+
+constexpr char kSummary[] =
+    "Puts the tree that the last upgrade replaced in its place again, at a stroke, with what the "
+    "site\n"
+    "has put into writable mappings since. The newer tree is kept in turn: a second rollback goes\n"
+    "forward again.";
+
+void roll_back(InstanceRecord& record)
 {
-    throw Trouble("not built yet");
+    const KeptRelease& kept = record.kept.front();
+    record.exchange = begun_exchange(record, kCommand, kept.directory, kept.release);
+    save(record);
+    try {
+        open_kept(record);
+        exchange(record);
+    } catch (...) {
+        settle_exchange(record);
+        throw;
+    }
 }
+
+}  // namespace
+
+int rollback(int argc, char** argv)
+{
+    SiteOptions options;
+    unsigned wait = 0;
+    CommandLine line("rollback SITE", kSummary);
+    line.site(options);
+    line.add()("wait", po::value(&wait), "seconds to wait for another command at work");
+    if (!line.parse(argc, argv))
+        return kDone;
+    const std::string name = require_instance(options).name;
+    const InstanceLock lock(name, argv[0], wait);
+    InstanceRecord record = require_instance({{}, name});  // as it is now
+    const std::string before = full_version(record.current);
+    const bool wasRollback = record.exchange && record.exchange->command == kCommand;
+    if (!settle_exchange(record) || !wasRollback) {
+        if (record.kept.empty())
+            throw Trouble("nothing is kept of instance " + name);
+        roll_back(record);
+    }
+    configure_apache(record.current, record.site);
+    std::cout << "rolled " << name << " back from " << printable(before) << " to "
+              << printable(full_version(record.current)) << '\n';
+    return kDone;
+}
+
+}  // namespace tarvik::ctl

@@ -1,7 +1,182 @@
+#include "common/TmpFile.h"
+#include "ctl/Child.h"
+#include "ctl/CommandLine.h"
+#include "ctl/Deployment.h"
+#include "ctl/InstanceStore.h"
+#include "ctl/KeptTrees.h"
+#include "ctl/ListWriter.h"
+#include "ctl/Manifest.h"
+#include "ctl/Output.h"
+#include "ctl/TreeExchange.h"
 #include "ctl/Trouble.h"
 #include "ctl/commands.h"
 
-int tarvik::ctl::upgrade(int /*argc*/, char** /*argv*/)
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+#include <set>
+
+namespace po = boost::program_options;
+
+namespace tarvik::ctl {
+
+namespace {
+
+constexpr char kSummary[] =
+    "Puts a newer package in an instance's place at a stroke. It is installed into a copy beside "
+    "the\n"
+    "running tree, which keeps what the site has put into writable mappings; whatever fails "
+    "before\n"
+    "the exchange leaves the running application as it is. The old tree is kept for rollback.";
+
+struct Words {
+    PackageSource package;
+    SiteOptions site;
+    bool script = false;
+    std::vector<std::string> parameters;
+    bool inPlace = false;
+    unsigned keep = 1;
+    unsigned wait = 0;
+};
+
+bool parse(int argc, char** argv, Words& words)
 {
-    throw Trouble("not built yet");
+    CommandLine line("upgrade PACKAGE SITE", kSummary);
+    line.package(words.package);
+    line.site(words.site);
+    line.add()("script", flag(words.script),
+               "run the package's script, also when the deployment did not");
+    line.add()(
+        "script-parameter", po::value(&words.parameters),
+        "a word for the script, in place of those given at the deployment; \"{application}\" "
+        "in it is the application's directory, here the copy's");
+    line.add()("in-place", flag(words.inPlace),
+               "install over the running tree where it cannot be exchanged; nothing is kept");
+    line.add()("keep", po::value(&words.keep), "how many old trees are kept (1)");
+    line.add()("wait", po::value(&words.wait), "seconds to wait for another command at work");
+    return line.parse(argc, argv);
 }
+
+DeployOptions next_options(const Words& words, const InstanceRecord& record)
+{
+    DeployOptions options = record.current.options;
+    options.metadataFile = words.package.metadataFile;
+    options.script = options.script || words.script;
+    if (!words.parameters.empty())
+        options.scriptParameters = words.parameters;
+    return options;
+}
+
+/// What was installed is to be what the package has, but for what the site has changed before.
+void require_right(const Site& site, const Release& release,
+                   const std::vector<std::string>& changed)
+{
+    static_cast<void>(ask_as(site.userName, [&] {
+        for (const auto& [kind, detail, path] : differences(site.application_dir(), release, {})) {
+            if (std::strcmp(kind, "extra") != 0
+                && std::find(changed.begin(), changed.end(), path) == changed.end())
+                throw Trouble(path + " was not installed as it should be: " + kind);
+        }
+        return std::string();
+    }));
+}
+
+/// Makes the tree to come. @throws Trouble with the running one as it was.
+void prepare(InstanceRecord& record, const Words& words)
+{
+    const Site copy = beside(record.site, record.exchange->directory);
+    Release& next = record.exchange->release;
+    const DeployOptions options = next.options;
+    const std::vector<std::string> changed = copy_beside(record, next);
+    if (extract(words.package, copy, options.skipWebserverWrite) != 0)
+        throw Trouble("the package was not extracted; the running application is as it was");
+    take_over_changed(record, changed);
+    next = installed_release(words.package, copy, options);
+    require_right(copy, next, changed);
+    if (options.script)
+        run_release_script(next, copy, "upgrade");
+}
+
+void upgrade_by_exchange(InstanceRecord& record, const Words& words, const Release& next)
+{
+    require_exchangeable(record.site);
+    record.exchange =
+        begun_exchange(record, "upgrade", next_name(location_of(record.site).name), next);
+    save(record);
+    try {
+        prepare(record, words);
+        exchange(record);
+    } catch (...) {
+        settle_exchange(record);
+        throw;
+    }
+}
+
+/// What only the old release had, as a list in a file of its own.
+void delete_stale(const InstanceRecord& record, const Release& next)
+{
+    std::set<std::string> ours;
+    for (const RecordedFile& file : next.files)
+        ours.insert(file.path);
+    std::vector<std::string> stale;
+    for (const RecordedFile& file : record.current.files) {
+        if (ours.count(file.path) == 0)
+            stale.push_back(file.path);
+    }
+    if (stale.empty())
+        return;
+    TmpFile list(list_path(record.name) + ".", true);
+    list << instance_list(stale) << std::flush;
+    if (!list || !list.close())
+        throw Trouble("a list of files cannot be written");
+    if (delete_files(record.site, list.name()) != 0)
+        throw Trouble("files of the old release were not removed; the same command goes on");
+}
+
+void upgrade_in_place(InstanceRecord& record, const Words& words, const DeployOptions& options)
+{
+    if (extract(words.package, record.site, options.skipWebserverWrite) != 0)
+        throw Trouble("the package was not extracted");
+    Release next = installed_release(words.package, record.site, options);
+    delete_stale(record, next);
+    if (options.script)
+        run_release_script(next, record.site, "upgrade");
+    record.current = std::move(next);
+    save(record);
+}
+
+bool is_of_one_package(const Release& a, const Release& b)
+{
+    return a.packageDir == b.packageDir && full_version(a) == full_version(b);
+}
+
+}  // namespace
+
+int upgrade(int argc, char** argv)
+{
+    Words words;
+    if (!parse(argc, argv, words))
+        return kDone;
+    words.package = settled(words.package);
+    const std::string name = require_instance(words.site).name;
+    const InstanceLock lock(name, argv[0], words.wait);
+    InstanceRecord record = require_instance({{}, name});  // as it is now
+    if (record.state != State::Installed)
+        throw Trouble("instance " + name + " is recorded as " + state_name(record.state));
+    const std::string before = full_version(record.current);
+    const DeployOptions options = next_options(words, record);
+    const Release next = planned_release(words.package, record.site, options);
+    const bool settled = settle_exchange(record);
+    if (words.inPlace)
+        upgrade_in_place(record, words, options);
+    else if (!settled
+             || !is_of_one_package(record.current, next))  // else a killed run was this one
+        upgrade_by_exchange(record, words, next);
+    configure_apache(record.current, record.site);
+    drop_kept(record, words.keep);
+    std::cout << "upgraded " << name << " from " << printable(before) << " to "
+              << printable(full_version(record.current)) << '\n';
+    return kDone;
+}
+
+}  // namespace tarvik::ctl

@@ -1,0 +1,361 @@
+#include "ctl/TreeExchange.h"
+
+#include "app/ModeWidener.h"
+#include "app/SiteUser.h"
+#include "common/misc.h"
+#include "ctl/Child.h"
+#include "ctl/Digest.h"
+#include "ctl/InstanceStore.h"
+#include "ctl/KeptTrees.h"
+#include "ctl/Manifest.h"
+#include "ctl/TreeTakeover.h"
+#include "ctl/TreeUse.h"
+#include "ctl/Trouble.h"
+#include "ctl/commands.h"
+
+#include <boost/algorithm/string.hpp>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace tarvik::ctl {
+
+namespace {
+
+constexpr int kPlace = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr mode_t kClosed = 0700;
+
+using Names = std::unordered_set<std::string>;
+
+Names names_of(const Release& release)
+{
+    Names names;
+    for (const RecordedFile& file : release.files)
+        names.insert(file.path);
+    return names;
+}
+
+[[noreturn]] void throw_failed(const std::string& path)
+{
+    throw Trouble(path + ": " + std::strerror(errno));
+}
+
+std::string beside_path(const Site& site, const std::string& name)
+{
+    return location_of(site).parent + "/" + name;
+}
+
+std::optional<Identity> identity_of(const std::string& directory)
+{
+    struct stat status;
+    if (::lstat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return std::nullopt;
+    return Identity {status.st_dev, status.st_ino};
+}
+
+template <class Task>
+void do_as(const Site& site, const Task& task)
+{
+    static_cast<void>(ask_as(site.userName, [&task] {
+        task();
+        return std::string();
+    }));
+}
+
+void set_mode(const Site& site, const std::string& name, mode_t mode)
+{
+    do_as(site, [&] {
+        const std::string path = beside_path(site, name);
+        const TDescriptor tree(::open(path.c_str(), kPlace));
+        if (!tree || ::chmod(descriptor_path(tree.get()).c_str(), mode) != 0)
+            throw_failed(path);
+    });
+}
+
+/// Installed files in the writable mappings that are not what was installed any more: the site's
+/// own by now. Asked for as the site's user.
+std::vector<std::string> changed_by_site(const std::string& tree, const Release& release)
+{
+    const WritableArea area(release);
+    std::unordered_map<std::string, std::string> wanted;
+    std::vector<std::string> paths;
+    for (const RecordedFile& file : release.files) {
+        if (!file.directory && area.has(file.path)) {
+            wanted[file.path] = file.sha256;
+            paths.push_back(file.path);
+        }
+    }
+    if (paths.empty())
+        return {};
+    const std::vector<Digest> read = digests(tree, paths);
+    std::vector<std::string> changed;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        if (read[i].error != ENOENT && read[i].sha256 != wanted[paths[i]])
+            changed.push_back(paths[i]);
+    }
+    return changed;
+}
+
+Names ask_changed(const Site& site, const std::string& tree, const Release& release)
+{
+    const std::string text = ask_as(site.userName, [&] {
+        return boost::join(changed_by_site(tree, release), std::string(1, '\0'));
+    });
+    Names names;
+    if (!text.empty())
+        boost::split(names, text, [](char byte) { return byte == '\0'; });
+    return names;
+}
+
+/// What of the running tree goes into the next one.
+class NextTree {
+public:
+    NextTree(const Release& old, const Release& next, Names changed)
+        : old_(names_of(old)), next_(names_of(next)), changed_(std::move(changed)), area_(next),
+          script_(next.options.script), widens_(!next.options.skipWebserverWrite)
+    {
+    }
+
+    Take decide(const std::string& path, const struct stat& status) const
+    {
+        const bool stale = old_.count(path) != 0 && next_.count(path) == 0;
+        if (S_ISDIR(status.st_mode))
+            return stale ? Take::IfNeeded : Take::Link;
+        if (changed_.count(path) == 0 && (stale || next_.count(path) != 0))
+            return Take::Skip;
+        return would_be_touched(path, status) ? Take::Copy : Take::Link;
+    }
+
+    mode_t bits(const std::string& path, const struct stat& made) const
+    {
+        return widens_ && area_.has(path) ? required_bits(made, ::geteuid()) : 0;
+    }
+
+private:
+    /// A link would carry what happens to the next tree over to the running one: the script writes
+    /// to files, and opening a mapping to the web server changes modes.
+    bool would_be_touched(const std::string& path, const struct stat& status) const
+    {
+        if (!area_.has(path))
+            return script_;
+        const mode_t bits = S_ISREG(status.st_mode) ? required_bits(status, ::geteuid()) : 0;
+        return widens_ && status.st_uid == ::geteuid() && (status.st_mode & bits) != bits;
+    }
+
+    Names old_, next_, changed_;
+    WritableArea area_;
+    bool script_, widens_;
+};
+
+/// Takes what is new in the writable mappings of one tree over into another one.
+void take_over_new(const Site& site, const std::string& fromTree, const Release& from,
+                   const std::string& toTree, const Release& to)
+{
+    const Names changed = ask_changed(site, fromTree, from);
+    const NextTree rules(from, to, changed);
+    const WritableArea area(from);
+    const Names installed = names_of(from);
+    TakeoverRules takeover;
+    takeover.decide = [&](const std::string& path, const struct stat& status) {
+        if (!area.has(path) || (installed.count(path) != 0 && changed.count(path) == 0))
+            return Take::Skip;
+        return S_ISDIR(status.st_mode) ? rules.decide(path, status) : Take::Link;
+    };
+    takeover.bits = [&](const std::string& path, const struct stat& made) {
+        return rules.bits(path, made);
+    };
+    takeover.existing = Existing::StaysUnlessOlder;
+    take_over(site.userName, fromTree, toTree, takeover);
+}
+
+/// The first name for an older kept tree that none has.
+std::string older_name(const InstanceRecord& record)
+{
+    const std::string start = previous_name(location_of(record.site).name) + ".";
+    for (int number = 1;; ++number) {
+        const std::string name = start + std::to_string(number);
+        if (std::none_of(record.kept.begin(), record.kept.end(),
+                         [&](const KeptRelease& kept) { return kept.directory == name; }))
+            return name;
+    }
+}
+
+/// Gives the old tree its place beside the application, after what was there. A second time it does
+/// what is left to do.
+void keep_old_tree(InstanceRecord& record)
+{
+    const Exchange& exchange = *record.exchange;
+    const std::string latest = previous_name(location_of(record.site).name);
+    if (exchange.directory == latest) {  // it stands in the place of the tree that came in
+        record.kept.erase(record.kept.begin());
+    } else {
+        const std::string older = older_name(record);
+        const std::string from = beside_path(record.site, exchange.directory);
+        const std::string to = beside_path(record.site, latest);
+        do_as(record.site, [&] {
+            if (!identity_of(from))
+                return;
+            if (identity_of(to)
+                && ::rename(to.c_str(), beside_path(record.site, older).c_str()) != 0)
+                throw_failed(to);
+            if (::rename(from.c_str(), to.c_str()) != 0)
+                throw_failed(from);
+        });
+        if (!record.kept.empty())
+            record.kept.front().directory = older;
+    }
+    record.kept.insert(record.kept.begin(), {latest, exchange.outgoingMode, record.current});
+}
+
+/// All that comes after the exchange.
+void finish(InstanceRecord& record)
+{
+    const Site& site = record.site;
+    const std::string latest = previous_name(location_of(site).name);
+    const Exchange done = *record.exchange;
+    // After a kill the old tree may have its last name already.
+    const bool moved = !identity_of(beside_path(site, done.directory));
+    const std::string oldName = moved ? latest : done.directory;
+    const std::string oldTree = beside_path(site, oldName);
+    set_mode(site, oldName, done.outgoingMode);
+    if (!wait_until_unused(oldTree))
+        std::cerr << "zendrelctl: some processes still work in " << oldTree << '\n';
+    take_over_new(site, oldTree, record.current, site.application_dir(), done.release);
+    keep_old_tree(record);
+    set_mode(site, latest, kClosed);  // else the old release could still be visited there
+    record.current = done.release;
+    record.exchange.reset();
+    save(record);
+}
+
+/// Takes back what was prepared for an exchange that has not happened.
+void take_back(InstanceRecord& record)
+{
+    const std::string name = record.exchange->directory;
+    const bool kept = name == previous_name(location_of(record.site).name);
+    if (kept)
+        set_mode(record.site, name, kClosed);
+    else
+        remove_tree(record.site, name);
+    record.exchange.reset();
+    save(record);
+}
+
+}  // namespace
+
+void require_exchangeable(const Site& site)
+{
+    const auto [parent, name] = location_of(site);
+    const std::string next = beside_path(site, next_name(name));
+    do_as(site, [&, parent = parent] {
+        const std::string appDir = site.application_dir();
+        struct stat own;
+        struct stat above;
+        if (::lstat(appDir.c_str(), &own) != 0 || ::stat(parent.c_str(), &above) != 0)
+            throw_failed(appDir);
+        const std::string cannot = appDir + " cannot be exchanged: ";
+        if (!S_ISDIR(own.st_mode))
+            throw Trouble(cannot + "it is no directory");
+        if (own.st_dev != above.st_dev)
+            throw Trouble(cannot + "it is a file system of its own; see --in-place");
+        if (::access(parent.c_str(), W_OK | X_OK) != 0)
+            throw Trouble(cannot + site.userName + " may not write in " + parent
+                          + "; see --in-place");
+        if (::lstat(next.c_str(), &own) == 0)
+            throw Trouble(next + " is in the way");
+    });
+}
+
+std::vector<std::string> copy_beside(const InstanceRecord& record, const Release& next)
+{
+    const Site& site = record.site;
+    const std::string appDir = site.application_dir();
+    const std::string copy = beside_path(site, record.exchange->directory);
+    const Names changed = ask_changed(site, appDir, record.current);
+    const NextTree rules(record.current, next, changed);
+    do_as(site, [&] {
+        if (::mkdir(copy.c_str(), kClosed) != 0)
+            throw_failed(copy);
+    });
+    set_mode(site, record.exchange->directory, record.exchange->outgoingMode);
+    TakeoverRules takeover;
+    takeover.decide = [&](const auto& path, const auto& status) {
+        return rules.decide(path, status);
+    };
+    takeover.bits = [&](const auto& path, const auto& made) { return rules.bits(path, made); };
+    take_over(site.userName, appDir, copy, takeover);
+    return {changed.begin(), changed.end()};
+}
+
+void take_over_changed(const InstanceRecord& record, const std::vector<std::string>& changed)
+{
+    const Names names(changed.begin(), changed.end());
+    if (names.empty())
+        return;
+    TakeoverRules takeover;
+    takeover.decide = [&](const std::string& path, const struct stat& status) {
+        return !S_ISDIR(status.st_mode) && names.count(path) != 0 ? Take::Link : Take::Skip;
+    };
+    takeover.existing = Existing::Goes;
+    take_over(record.site.userName, record.site.application_dir(),
+              beside_path(record.site, record.exchange->directory), takeover);
+}
+
+void open_kept(const InstanceRecord& record)
+{
+    const KeptRelease& kept = record.kept.front();
+    set_mode(record.site, kept.directory, kept.mode);
+    take_over_new(record.site, record.site.application_dir(), record.current,
+                  beside_path(record.site, kept.directory), kept.release);
+}
+
+Exchange begun_exchange(const InstanceRecord& record, const std::string& command,
+                        const std::string& directory, const Release& release)
+{
+    struct stat status;
+    const std::string appDir = record.site.application_dir();
+    if (::lstat(appDir.c_str(), &status) != 0)
+        throw_failed(appDir);
+    return {command, directory, std::nullopt, status.st_mode & kModeBits, release};
+}
+
+void exchange(InstanceRecord& record)
+{
+    const Site& site = record.site;
+    const std::string appDir = site.application_dir();
+    const std::string other = beside_path(site, record.exchange->directory);
+    record.exchange->incoming = identity_of(other);
+    if (!record.exchange->incoming)
+        throw_failed(other);
+    save(record);
+    do_as(site, [&] {
+        if (::renameat2(AT_FDCWD, appDir.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) != 0)
+            throw Trouble(appDir + " cannot be exchanged: " + std::strerror(errno)
+                          + "; see --in-place");
+    });
+    finish(record);
+}
+
+bool settle_exchange(InstanceRecord& record)
+{
+    if (!record.exchange)
+        return false;
+    const std::optional<Identity>& incoming = record.exchange->incoming;
+    const bool happened = incoming && identity_of(record.site.application_dir()) == incoming;
+    if (happened)
+        finish(record);
+    else
+        take_back(record);
+    return happened;
+}
+
+}  // namespace tarvik::ctl
