@@ -174,7 +174,8 @@ void take_over_new(const Site& site, const std::string& fromTree, const Release&
         return rules.bits(path, made);
     };
     takeover.existing = Existing::StaysUnlessOlder;
-    take_over(site.userName, fromTree, toTree, takeover);
+    take_over_rest(site.userName, fromTree, toTree, takeover.existing,
+                   take_over(site.userName, fromTree, toTree, takeover));
 }
 
 /// The first name for an older kept tree that none has.
@@ -275,7 +276,7 @@ void require_exchangeable(const Site& site)
     });
 }
 
-std::vector<std::string> copy_beside(const InstanceRecord& record, const Release& next)
+Pending copy_beside(const InstanceRecord& record, const Release& next)
 {
     const Site& site = record.site;
     const std::string appDir = site.application_dir();
@@ -292,22 +293,24 @@ std::vector<std::string> copy_beside(const InstanceRecord& record, const Release
         return rules.decide(path, status);
     };
     takeover.bits = [&](const auto& path, const auto& made) { return rules.bits(path, made); };
-    take_over(site.userName, appDir, copy, takeover);
-    return {changed.begin(), changed.end()};
+    return {{changed.begin(), changed.end()}, take_over(site.userName, appDir, copy, takeover)};
 }
 
-void take_over_changed(const InstanceRecord& record, const std::vector<std::string>& changed)
+void complete_copy(const InstanceRecord& record, const Pending& pending)
 {
-    const Names names(changed.begin(), changed.end());
-    if (names.empty())
+    const std::string& user = record.site.userName;
+    const std::string from = record.site.application_dir();
+    const std::string to = beside_path(record.site, record.exchange->directory);
+    take_over_rest(user, from, to, Existing::Stays, pending.left);
+    const Names changed(pending.changed.begin(), pending.changed.end());
+    if (changed.empty())
         return;
-    TakeoverRules takeover;
-    takeover.decide = [&](const std::string& path, const struct stat& status) {
-        return !S_ISDIR(status.st_mode) && names.count(path) != 0 ? Take::Link : Take::Skip;
+    TakeoverRules rules;
+    rules.decide = [&](const std::string& path, const struct stat& status) {
+        return !S_ISDIR(status.st_mode) && changed.count(path) != 0 ? Take::Link : Take::Skip;
     };
-    takeover.existing = Existing::Goes;
-    take_over(record.site.userName, record.site.application_dir(),
-              beside_path(record.site, record.exchange->directory), takeover);
+    rules.existing = Existing::Goes;
+    take_over_rest(user, from, to, rules.existing, take_over(user, from, to, rules));
 }
 
 void open_kept(const InstanceRecord& record)

@@ -19,17 +19,23 @@ void require_exchangeable(const Site& site);
 Exchange begun_exchange(const InstanceRecord& record, const std::string& command,
                         const std::string& directory, const Release& release);
 
+/// What is still to be taken over into a copy, once the next release is in it.
+struct Pending {
+    std::vector<std::string> changed;  ///< by the site: in place of what the release brings
+    std::vector<std::string> left;     ///< by the site's user to the web server
+};
+
 /**
  * Makes a copy of the application's directory in the place that the record's exchange names, by
  * hard links, without what the next release brings itself and without what only the last one had.
  * What the site has changed in a writable mapping is taken whatever it was.
  * @param next  the release to come, planned.
- * @return what the site has changed: it is to take the place of what the next release brings.
  */
-std::vector<std::string> copy_beside(const InstanceRecord& record, const Release& next);
+Pending copy_beside(const InstanceRecord& record, const Release& next);
 
-/// Puts those files back where the extraction has put its own.
-void take_over_changed(const InstanceRecord& record, const std::vector<std::string>& changed);
+/// The rest. What the web server has made comes after the installation, which would stumble on its
+/// closed directories.
+void complete_copy(const InstanceRecord& record, const Pending& pending);
 
 /// Prepares the latest kept tree: takes what has come to the writable mappings since over into it.
 void open_kept(const InstanceRecord& record);

@@ -255,16 +255,21 @@ void Takeover::leave_to_others(const std::string& path, int error)
     left_.push_back(path);
 }
 
-void take_over(const std::string& siteUser, const std::string& from, const std::string& to,
-               const TakeoverRules& rules)
+Paths take_over(const std::string& siteUser, const std::string& from, const std::string& to,
+                const TakeoverRules& rules)
 {
-    Paths left = turn(siteUser, from, to, rules, {""});
+    return turn(siteUser, from, to, rules, {""});
+}
+
+void take_over_rest(const std::string& siteUser, const std::string& from, const std::string& to,
+                    Existing existing, const Paths& left)
+{
     // What was left has been decided about, with all that is below it.
-    TakeoverRules rest = {[](const std::string&, const struct stat&) { return Take::Link; }};
-    rest.existing = rules.existing;
-    left = turn(kWebServerUser, from, to, rest, left);
-    rest.last = true;
-    static_cast<void>(turn(siteUser, from, to, rest, left));
+    TakeoverRules rules = {[](const std::string&, const struct stat&) { return Take::Link; }};
+    rules.existing = existing;
+    const Paths refused = turn(kWebServerUser, from, to, rules, left);
+    rules.last = true;
+    static_cast<void>(turn(siteUser, from, to, rules, refused));
 }
 
 void Takeover::settle_modes()

@@ -77,10 +77,14 @@ private:
 };
 
 /**
- * Takes all of a tree over, as its site's user and, where the web server owns something, as that.
- * @param from, to  directories. @throws Trouble for what nobody can take.
+ * The turn of the site's user, who takes all of a tree but what the web server owns.
+ * @param from, to  directories. @return what is left. @throws Trouble for what nobody can take.
  */
-void take_over(const std::string& siteUser, const std::string& from, const std::string& to,
-               const TakeoverRules& rules);
+std::vector<std::string> take_over(const std::string& siteUser, const std::string& from,
+                                   const std::string& to, const TakeoverRules& rules);
+
+/// The turns that follow: the web server's, then again the user's, for what neither has taken.
+void take_over_rest(const std::string& siteUser, const std::string& from, const std::string& to,
+                    Existing existing, const std::vector<std::string>& left);
 
 }  // namespace tarvik::ctl

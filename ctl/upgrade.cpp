@@ -87,12 +87,12 @@ void prepare(InstanceRecord& record, const Words& words)
     const Site copy = beside(record.site, record.exchange->directory);
     Release& next = record.exchange->release;
     const DeployOptions options = next.options;
-    const std::vector<std::string> changed = copy_beside(record, next);
+    const Pending pending = copy_beside(record, next);
     if (extract(words.package, copy, options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted; the running application is as it was");
-    take_over_changed(record, changed);
+    complete_copy(record, pending);
     next = installed_release(words.package, copy, options);
-    require_right(copy, next, changed);
+    require_right(copy, next, pending.changed);
     if (options.script)
         run_release_script(next, copy, "upgrade");
 }
@@ -129,7 +129,11 @@ void delete_stale(const InstanceRecord& record, const Release& next)
     list << instance_list(stale) << std::flush;
     if (!list || !list.close())
         throw Trouble("a list of files cannot be written");
-    if (delete_files(record.site, list.name()) != 0)
+    const Site& site = record.site;
+    // As a document root, which is not removed when it is empty.
+    const Site itself = {site.vhostPath, site.application_dir(), site.userName,
+                         kDocumentRootItself};
+    if (delete_files(itself, list.name()) != 0)
         throw Trouble("files of the old release were not removed; the same command goes on");
 }
 
@@ -173,7 +177,8 @@ int upgrade(int argc, char** argv)
              || !is_of_one_package(record.current, next))  // else a killed run was this one
         upgrade_by_exchange(record, words, next);
     configure_apache(record.current, record.site);
-    drop_kept(record, words.keep);
+    if (!words.inPlace)
+        drop_kept(record, words.keep);
     std::cout << "upgraded " << name << " from " << printable(before) << " to "
               << printable(full_version(record.current)) << '\n';
     return kDone;
