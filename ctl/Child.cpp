@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <utility>
 
 namespace tarvik::ctl {
 
@@ -112,7 +113,7 @@ bool write_all(std::string_view text)
     return true;
 }
 
-int answer(const std::function<std::string()>& work)
+int answer_with(const std::function<std::string()>& work)
 {
     std::string text;
     int status = kDone;
@@ -143,32 +144,47 @@ int run_as(const std::string& user, const std::function<int()>& work)
     });
 }
 
-std::string ask_as(const std::string& user, const std::function<std::string()>& work)
+Question::Question(const std::string& user, const std::function<std::string()>& work) : user_(user)
 {
     require_user(user);
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
         throw_failed("cannot open a pipe");
-    TDescriptor from_child(ends[0]);
-    TDescriptor to_parent(ends[1]);
-    const pid_t keeper = start([&] {
+    from_child_.reset(ends[0]);
+    const TDescriptor to_parent(ends[1]);
+    keeper_ = start([&] {
         return guarded([&] {
             return wait_for(start([&] {
                 if (::dup2(to_parent.get(), STDOUT_FILENO) < 0)
                     return report(std::strerror(errno));
                 become(user);
-                return answer(work);
+                return answer_with(work);
             }));
         });
     });
-    to_parent.reset();
-    const std::string text = read_all(from_child.get());
-    const int status = wait_for(keeper);
+}
+
+Question::~Question()
+{
+    from_child_.reset();
+    if (keeper_ > 0)
+        static_cast<void>(retried([this] { return ::waitpid(keeper_, nullptr, 0); }));
+}
+
+std::string Question::answer()
+{
+    std::string text = read_all(from_child_.get());
+    const int status = wait_for(std::exchange(keeper_, -1));
     if (status == kComplaint)
         throw Trouble(text);
     if (status != kDone)
-        throw Trouble("the work of " + user + " was not done");
+        throw Trouble("the work of " + user_ + " was not done");
     return text;
+}
+
+std::string ask_as(const std::string& user, const std::function<std::string()>& work)
+{
+    return Question(user, work).answer();
 }
 
 }  // namespace tarvik::ctl

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "common/misc.h"
+
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 
@@ -19,8 +23,27 @@ int run_in_child(const std::function<int()>& work);
 /// directory. @throws Trouble when there is no such user, or it is root.
 int run_as(const std::string& user, const std::function<int()>& work);
 
-/// The same for work that has an answer. Nothing else may be written on standard output meanwhile.
-/// @throws Trouble with the text of what the work threw.
+/// Work that has an answer, done as that user while this process goes on. Nothing else may be
+/// written on standard output in it.
+class Question {
+public:
+    /// @throws Trouble as `run_as` does.
+    Question(const std::string& user, const std::function<std::string()>& work);
+    Question(const Question&) = delete;
+    Question& operator=(const Question&) = delete;
+    /// Waits for the work, whose answer nobody wants any more.
+    ~Question();
+
+    /// Waits for the answer. @throws Trouble with the text of what the work threw.
+    std::string answer();
+
+private:
+    std::string user_;
+    TDescriptor from_child_;
+    pid_t keeper_ = -1;
+};
+
+/// Asks and waits.
 std::string ask_as(const std::string& user, const std::function<std::string()>& work);
 
 }  // namespace tarvik::ctl

@@ -38,43 +38,59 @@ std::vector<std::string> below(const std::string& appDir, const std::list<std::s
     return paths;
 }
 
-template <class Describe>
-Release release_as_user(const PackageSource& package, const Site& site,
-                        const DeployOptions& options, const Describe& describe)
+/// The plan without a word: the extraction itself says them.
+InstallPlan plan_quietly(const PackageSource& package, const Site& site,
+                         const FSAMetaDataReader& metadata)
 {
-    const FSAMetaDataReader metadata = read_metadata(package);
-    Release release;
-    release.name = metadata.name();
-    release.version = metadata.version();
-    release.release = metadata.release();
-    release.packageDir = package.directory;
-    release.installed = now();
-    release.options = options;
-    return release_from(ask_as(site.userName, [&] {
-        const std::string appDir = site.application_dir();
-        const QuietErrors quiet;  // the extraction itself says them
-        const InstallPlan plan = plan_install(package.directory, appDir, metadata);
-        release.writableDirs = below(appDir, plan.writableDirs);
-        release.otherDirs = below(appDir, plan.otherDirs);
-        release.files = describe(plan);
-        return release_text(release);
-    }));
+    const QuietErrors quiet;
+    const std::string appDir = site.application_dir();
+    return plan_install(package.directory, appDir, metadata);
 }
 
 }  // namespace
 
-Release planned_release(const PackageSource& package, const Site& site,
-                        const DeployOptions& options)
+Planning::Planning(const PackageSource& package, const Site& site, const DeployOptions& options)
+    : metadata_(read_metadata(package)), options_(options), packageDir_(package.directory),
+      paths_(site.userName, [&] {
+          const InstallPlan plan = plan_quietly(package, site, metadata_);
+          const std::string appDir = site.application_dir();
+          Release release;
+          release.writableDirs = below(appDir, plan.writableDirs);
+          release.otherDirs = below(appDir, plan.otherDirs);
+          release.files = planned_files(plan);
+          return release_text(release);
+      })
 {
-    return release_as_user(package, site, options, planned_files);
 }
 
-Release installed_release(const PackageSource& package, const Site& site,
-                          const DeployOptions& options)
+Release Planning::release()
 {
-    return release_as_user(package, site, options, [&](const InstallPlan& plan) {
-        return installed_files(package, plan, site.application_dir());
+    Release release = release_from(paths_.answer());
+    release.name = metadata_.name();
+    release.version = metadata_.version();
+    release.release = metadata_.release();
+    release.packageDir = packageDir_;
+    release.installed = now();
+    release.options = options_;
+    return release;
+}
+
+ReleaseCompletion::ReleaseCompletion(const PackageSource& package, const Site& site)
+    : metadata_(read_metadata(package)), digests_(site.userName, [&] {
+          return package_digests(package, plan_quietly(package, site, metadata_));
+      })
+{
+}
+
+void ReleaseCompletion::complete(Release& release, const Site& site,
+                                 const std::vector<std::string>& changed)
+{
+    const std::string digests = digests_.answer();
+    const std::string modes = ask_as(site.userName, [&] {
+        return installed_modes(release.files, site.application_dir(), digests, changed);
     });
+    complete_files(release.files, digests, modes);
+    release.filesId.clear();
 }
 
 PackageSource package_of(const Release& release)

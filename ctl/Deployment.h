@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ctl/Child.h"
 #include "ctl/Package.h"
 #include "ctl/Record.h"
 #include "ctl/Zendrel.h"
@@ -10,14 +11,33 @@
 /// The steps that deploying, upgrading and removing have in common.
 namespace tarvik::ctl {
 
-/// What of a site the web server may write, and what it holds, before anything is installed.
-/// @throws Trouble when the plan fails, as the extraction would.
-Release planned_release(const PackageSource& package, const Site& site,
-                        const DeployOptions& options);
+/// What an installation will put where, found out while this process goes on.
+class Planning {
+public:
+    Planning(const PackageSource& package, const Site& site, const DeployOptions& options);
+    /// @throws Trouble when the plan fails, as the extraction would.
+    Release release();
 
-/// The same after the installation, with modes and digests.
-Release installed_release(const PackageSource& package, const Site& site,
-                          const DeployOptions& options);
+private:
+    FSAMetaDataReader metadata_;
+    DeployOptions options_;
+    std::string packageDir_;
+    Question paths_;
+};
+
+/// Completes a planned release, and looks whether the installation has done what it should.
+class ReleaseCompletion {
+public:
+    /// Begins to read the package, while the installation goes on.
+    ReleaseCompletion(const PackageSource& package, const Site& site);
+    /// @param site  where it was installed. @param changed  paths where the site has content of its
+    /// own. @throws Trouble
+    void complete(Release& release, const Site& site, const std::vector<std::string>& changed);
+
+private:
+    FSAMetaDataReader metadata_;
+    Question digests_;
+};
 
 /// @return the package that a release came from.
 PackageSource package_of(const Release& release);

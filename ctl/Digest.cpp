@@ -151,4 +151,13 @@ std::vector<Digest> digests(const std::string& directory, const std::vector<std:
     return results;
 }
 
+std::string sha256_of(const std::string& text)
+{
+    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
+    unsigned length = 0;
+    if (EVP_Digest(text.data(), text.size(), bytes.data(), &length, EVP_sha256(), nullptr) != 1)
+        throw Trouble("the cryptographic library has no SHA-256");
+    return hexadecimal(bytes.data(), length);
+}
+
 }  // namespace tarvik::ctl

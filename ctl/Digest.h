@@ -23,4 +23,7 @@ struct Digest {
  */
 std::vector<Digest> digests(const std::string& directory, const std::vector<std::string>& paths);
 
+/// @return the digest of a text, in hexadecimal digits.
+std::string sha256_of(const std::string& text);
+
 }  // namespace tarvik::ctl

@@ -1,6 +1,7 @@
 #include "ctl/InstanceStore.h"
 
 #include "common/TmpFile.h"
+#include "ctl/Digest.h"
 #include "ctl/ListWriter.h"
 #include "ctl/Trouble.h"
 
@@ -15,6 +16,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <set>
 
 namespace tarvik::ctl {
 
@@ -24,6 +26,8 @@ const char* const kDirectories[] = {"/var/lib/zendrel", "/var/lib/zendrel/instan
 constexpr char kStore[] = "/var/lib/zendrel/instances/";
 constexpr char kRecordEnd[] = ".json";
 constexpr char kListEnd[] = ".xml";
+constexpr char kFilesEnd[] = ".files";
+constexpr std::size_t kIdLength = 16;
 constexpr char kLockEnd[] = ".lock";
 constexpr char kStoreLock[] = ".lock";  // no instance's name begins with "."
 constexpr std::size_t kLongestName = 200;
@@ -120,18 +124,64 @@ bool is_record(const std::string& name)
         && name.compare(name.size() - end, end, kRecordEnd) == 0;
 }
 
-std::string list_text(const InstanceRecord& record)
-{
-    std::vector<std::string> paths;
-    for (const RecordedFile& file : record.current.files)
-        paths.push_back(file.path);
-    return instance_list(paths);
-}
-
 bool is_there(const std::string& path)
 {
     struct stat status;
     return ::lstat(path.c_str(), &status) == 0;
+}
+
+std::string files_path(const std::string& name, const std::string& id)
+{
+    return path_of(name, ".") + id + kFilesEnd;
+}
+
+/// Stores the files under what they are: written once, and only read from then on.
+void store_files(const std::string& name, Release& release)
+{
+    if (!release.filesId.empty())
+        return;
+    const std::string text = files_text(release.files);
+    release.filesId = sha256_of(text).substr(0, kIdLength);
+    const std::string path = files_path(name, release.filesId);
+    if (!is_there(path))
+        replace(path, text);
+}
+
+/// The releases of a record, each of which has files.
+template <class Record>
+auto releases(Record& record)
+{
+    std::vector<decltype(&record.current)> all = {&record.current};
+    for (auto& kept : record.kept)
+        all.push_back(&kept.release);
+    if (record.exchange && record.exchange->incoming)  // else it is still being made
+        all.push_back(&record.exchange->release);
+    return all;
+}
+
+/// Removes the files of releases that are no more. What cannot be removed is only in nobody's way.
+void remove_files(const std::string& name, const std::set<std::string>& used)
+{
+    const DirectoryStream store(::opendir(kStore));
+    const std::size_t length = name.size() + 1 + kIdLength + sizeof kFilesEnd - 1;
+    while (const dirent* const entry = store ? ::readdir(store.get()) : nullptr) {
+        const std::string file = entry->d_name;
+        const std::string id = file.size() == length ? file.substr(name.size() + 1, kIdLength) : "";
+        if (!id.empty() && kStore + file == files_path(name, id) && used.count(id) == 0)
+            static_cast<void>(::unlinkat(::dirfd(store.get()), file.c_str(), 0));
+    }
+}
+
+void save_list(InstanceRecord& record)
+{
+    if (record.listId == record.current.filesId)
+        return;
+    load_files(record.name, record.current);
+    std::vector<std::string> paths;
+    for (const RecordedFile& file : record.current.files)
+        paths.push_back(file.path);
+    replace(list_path(record.name), instance_list(paths));
+    record.listId = record.current.filesId;
 }
 
 }  // namespace
@@ -201,17 +251,32 @@ Site site_of(const SiteOptions& options)
     return options.instance.empty() ? settled(options.site) : require_instance(options).site;
 }
 
-void save(const InstanceRecord& record)
+void load_files(const std::string& name, Release& release)
 {
-    // The list first: it can be made again from the record, and is, by the next one to save it.
-    const std::string list = list_text(record);
-    const std::string path = list_path(record.name);
-    if (!is_there(path) || read_or_throw(path) != list)
-        replace(path, list);
-    replace(path_of(record.name, kRecordEnd), record_text(record));
+    if (!release.files.empty() || release.filesId.empty())
+        return;
+    const std::string path = files_path(name, release.filesId);
+    const std::string text = read_or_throw(path);
+    if (sha256_of(text).compare(0, kIdLength, release.filesId) != 0)
+        throw Trouble(path + " is damaged");
+    release.files = files_from(text);
 }
 
-void save_new(const InstanceRecord& record)
+void save(InstanceRecord& record)
+{
+    // The record comes last: it is what counts. A list that is ahead of it is made again by the
+    // next one to save it.
+    std::set<std::string> used;
+    for (Release* const release : releases(record)) {
+        store_files(record.name, *release);
+        used.insert(release->filesId);
+    }
+    save_list(record);
+    replace(path_of(record.name, kRecordEnd), record_text(record));
+    remove_files(record.name, used);
+}
+
+void save_new(InstanceRecord& record)
 {
     provide_store();
     const TDescriptor lock = take_lock(std::string(kStore) + kStoreLock, std::chrono::hours(1));
@@ -231,6 +296,7 @@ void forget(const std::string& name)
         if (::unlink(path.c_str()) != 0 && errno != ENOENT)
             throw_failed("cannot remove", path);
     }
+    remove_files(name, {});
     sync(kStore);
 }
 

@@ -35,6 +35,7 @@ private:
     TDescriptor file_;
 };
 
+/// Records come without the files of their releases: those are many, and seldom wanted.
 /// @return all that are recorded, by name. @throws Trouble when a record cannot be read.
 std::vector<InstanceRecord> all_instances();
 /// @return the instance of that name, if there is one.
@@ -42,17 +43,20 @@ std::optional<InstanceRecord> find_instance(const std::string& name);
 /// @return the instance that is named, or that is in the application's directory of the site named.
 /// @throws Trouble when there is none.
 InstanceRecord require_instance(const SiteOptions& options);
+/// Reads the files of a release of that instance, unless it has them. @throws Trouble
+void load_files(const std::string& name, Release& release);
 /// @return the site that is named, or that of the instance named.
 Site site_of(const SiteOptions& options);
 
 /**
- * Writes the record, so that the old one or the new one is there whatever happens.
+ * Writes the record, with the files of releases that have not been stored, so that the old one or
+ * the new one is there whatever happens.
  * @throws Trouble when it cannot be written; the old one is kept.
  */
-void save(const InstanceRecord& record);
+void save(InstanceRecord& record);
 /// The first record of an instance. @throws Trouble also when the name or the application's
 /// directory is taken.
-void save_new(const InstanceRecord& record);
+void save_new(InstanceRecord& record);
 /// Removes the record with its list.
 void forget(const std::string& name);
 

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <iterator>
 #include <map>
+#include <sstream>
 #include <unordered_set>
 
 namespace tarvik::ctl {
@@ -125,6 +126,7 @@ private:
                        return false;
                    },
                    {},
+                   {},
                    [&](const std::string& path, int error) {
                        if (!writable.has(path))
                            add("unreadable", std::strerror(error), path);
@@ -172,38 +174,66 @@ std::vector<RecordedFile> planned_files(const InstallPlan& plan)
     return files;
 }
 
-std::vector<RecordedFile> installed_files(const PackageSource& package, const InstallPlan& plan,
-                                          const std::string& directory)
+std::string package_digests(const PackageSource& package, const InstallPlan& plan)
 {
     std::map<std::string, std::string> sources;
     for (const auto& [target, file] : plan.files)
         sources[plain_path(target)] = file.sourcePath;
-    std::vector<RecordedFile> files = planned_files(plan);
+    std::vector<std::string> paths;
+    for (const std::string& path : installed_paths(plan))
+        paths.push_back(sources[path].empty() ? "." : sources[path]);
+    std::string lines;
+    for (const Digest& digest : digests(package.directory, paths))
+        lines.append(digest.sha256) += '\n';
+    return lines;
+}
+
+std::string installed_modes(const std::vector<RecordedFile>& files, const std::string& directory,
+                            const std::string& digests, const std::vector<std::string>& changed)
+{
     const TDescriptor tree = open_tree(directory);
     DirectoryChain chain(tree.get());
+    std::istringstream lines(digests);
+    std::string modes;
     std::vector<std::string> paths;
-    for (RecordedFile& file : files) {
+    std::vector<std::string> wanted;
+    for (const RecordedFile& file : files) {
         struct stat status;
         const int parent = tree ? chain.at(parent_path(file.path)) : -1;
         const std::string name = file.path.empty() ? "." : last_name(file.path);
         if (parent < 0 || ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
             throw Trouble(directory + "/" + file.path + ": " + std::strerror(errno));
-        file.directory = S_ISDIR(status.st_mode);
-        file.mode = status.st_mode & kModeBits;
-        if (!file.directory)
-            paths.push_back(sources[file.path]);
+        modes += std::to_string(status.st_mode) + '\n';
+        std::string digest;
+        std::getline(lines, digest);
+        if (!S_ISDIR(status.st_mode)
+            && std::find(changed.begin(), changed.end(), file.path) == changed.end()) {
+            paths.push_back(file.path);
+            wanted.push_back(std::move(digest));
+        }
     }
-    const std::vector<Digest> read = digests(package.directory, paths);
-    auto next = read.begin();
+    const std::vector<Digest> found = ctl::digests(directory, paths);
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        if (found[i].sha256.empty() || found[i].sha256 != wanted[i])
+            throw Trouble(paths[i] + " was not installed as the package has it");
+    }
+    return modes;
+}
+
+void complete_files(std::vector<RecordedFile>& files, const std::string& digests,
+                    const std::string& modes)
+{
+    std::istringstream digest_lines(digests);
+    std::istringstream mode_lines(modes);
     for (RecordedFile& file : files) {
+        mode_t mode = 0;
+        mode_lines >> mode;
+        file.directory = S_ISDIR(mode);
+        file.mode = mode & kModeBits;
+        std::getline(digest_lines, file.sha256);
         if (file.directory)
-            continue;
-        if (next->error != 0)
-            throw Trouble(file.path
-                          + " cannot be read in the package: " + std::strerror(next->error));
-        file.sha256 = (next++)->sha256;
+            file.sha256.clear();
     }
-    return files;
 }
 
 std::vector<Difference> differences(const std::string& directory, const Release& release,

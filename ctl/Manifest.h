@@ -11,17 +11,26 @@
 /// site's user.
 namespace tarvik::ctl {
 
-/**
- * Describes what was installed, to be recorded: kinds and modes as they are in the tree, digests of
- * the package's files, so that a later comparison also tells whether the copies were right.
- * @param directory  the tree.
- * @throws Trouble when something planned is not there, or a file of the package cannot be read.
- */
-std::vector<RecordedFile> installed_files(const PackageSource& package, const InstallPlan& plan,
-                                          const std::string& directory);
-
-/// @return the same from the plan alone: the paths, for a record that is made beforehand.
+/// @return what a plan installs, as far as it tells: the paths.
 std::vector<RecordedFile> planned_files(const InstallPlan& plan);
+
+/// @return for each planned file the digest of what the package has for it, a line each; an empty
+/// one where that is no file.
+std::string package_digests(const PackageSource& package, const InstallPlan& plan);
+
+/**
+ * Looks at what was installed.
+ * @param directory  the tree. @param digests  those of the package.
+ * @param changed  paths whose content is the site's own, whatever the package has.
+ * @return for each planned file its mode with its kind, a line each.
+ * @throws Trouble when something planned is not there, or is not what the package has.
+ */
+std::string installed_modes(const std::vector<RecordedFile>& files, const std::string& directory,
+                            const std::string& digests, const std::vector<std::string>& changed);
+
+/// Completes what was planned by what was found out.
+void complete_files(std::vector<RecordedFile>& files, const std::string& digests,
+                    const std::string& modes);
 
 /// What is not as it was recorded.
 struct Difference {

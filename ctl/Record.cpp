@@ -17,20 +17,6 @@ constexpr const char* kStates[] = {"deploying", "installed", "removing"};
 
 using Json = nlohmann::ordered_json;
 
-static void to_json(Json& json, const RecordedFile& file)
-{
-    json = {{"path", file.path}, {"mode", file.mode}};
-    json[file.directory ? "directory" : "sha256"] = file.directory ? Json(true) : Json(file.sha256);
-}
-
-static void from_json(const Json& json, RecordedFile& file)
-{
-    json.at("path").get_to(file.path);
-    json.at("mode").get_to(file.mode);
-    file.directory = json.value("directory", false);
-    file.sha256 = json.value("sha256", "");
-}
-
 static void to_json(Json& json, const DeployOptions& options)
 {
     json = {{"metadata-file", options.metadataFile},
@@ -59,7 +45,7 @@ static void to_json(Json& json, const Release& release)
             {"options", release.options},
             {"writable", release.writableDirs},
             {"other", release.otherDirs},
-            {"files", release.files}};
+            {"files", release.filesId}};
 }
 
 static void from_json(const Json& json, Release& release)
@@ -72,7 +58,7 @@ static void from_json(const Json& json, Release& release)
     json.at("options").get_to(release.options);
     json.at("writable").get_to(release.writableDirs);
     json.at("other").get_to(release.otherDirs);
-    json.at("files").get_to(release.files);
+    json.at("files").get_to(release.filesId);
 }
 
 static void to_json(Json& json, const KeptRelease& kept)
@@ -133,6 +119,83 @@ State state_from(const std::string& name)
     return static_cast<State>(found - std::begin(kStates));
 }
 
+/// Reads files as they come. There are many, each [path, mode, digest], a directory without the
+/// last.
+class FileReader : public nlohmann::json_sax<Json> {
+public:
+    std::vector<RecordedFile> take() { return std::move(files_); }
+    const std::string& complaint() const { return complaint_; }
+
+    bool string(string_t& text) override
+    {
+        if (place_ == 0 && !files_.empty())
+            files_.back().path = std::move(text);
+        else if (place_ == 2)
+            files_.back().sha256 = std::move(text);
+        else
+            return refuse();
+        ++place_;
+        return true;
+    }
+    bool number_unsigned(number_unsigned_t number) override
+    {
+        if (place_ != 1)
+            return refuse();
+        files_.back().mode = static_cast<mode_t>(number);
+        ++place_;
+        return true;
+    }
+    bool start_array(std::size_t /*elements*/) override
+    {
+        if (++depth_ == 2)
+            files_.emplace_back();
+        place_ = 0;
+        return depth_ <= 2 || refuse();
+    }
+    bool end_array() override
+    {
+        if (depth_ == 2) {
+            if (place_ < 2)
+                return refuse();
+            files_.back().directory = place_ == 2;
+        }
+        place_ = kNowhere;
+        --depth_;
+        return true;
+    }
+    bool null() override { return refuse(); }
+    bool boolean(bool /*value*/) override { return refuse(); }
+    bool number_integer(number_integer_t /*value*/) override { return refuse(); }
+    bool number_float(number_float_t /*value*/, const string_t& /*text*/) override
+    {
+        return refuse();
+    }
+    bool binary(binary_t& /*value*/) override { return refuse(); }
+    bool start_object(std::size_t /*elements*/) override { return refuse(); }
+    bool key(string_t& /*text*/) override { return refuse(); }
+    bool end_object() override { return refuse(); }
+    bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                     const Json::exception& e) override
+    {
+        complaint_ = e.what();
+        return false;
+    }
+
+private:
+    static constexpr int kNowhere = 9;
+
+    bool refuse()
+    {
+        complaint_ = "they are not in the form they should have";
+        return false;
+    }
+
+    std::vector<RecordedFile> files_;
+    int depth_ = 0;
+    int place_ = kNowhere;  ///< in the array of one file
+    std::string complaint_;
+};
+
 /// Calls what uses the JSON library, whose errors name its own inner workings.
 template <class Use>
 auto with_json(const char* what, Use use)
@@ -154,6 +217,7 @@ std::string record_text(const InstanceRecord& record)
     return with_json("a record cannot be written", [&record] {
         Json json = {{"format", kFormat},         {"instance", record.name},
                      {"site", record.site},       {"state", state_name(record.state)},
+                     {"list", record.listId},
                      {"current", record.current}, {"kept", record.kept}};
         if (record.exchange)
             json["exchange"] = *record.exchange;
@@ -171,6 +235,7 @@ InstanceRecord record_from(const std::string& text)
         json.at("instance").get_to(record.name);
         json.at("site").get_to(record.site);
         record.state = state_from(json.at("state").get<std::string>());
+        json.at("list").get_to(record.listId);
         json.at("current").get_to(record.current);
         json.at("kept").get_to(record.kept);
         if (const auto exchange = json.find("exchange"); exchange != json.end())
@@ -179,15 +244,43 @@ InstanceRecord record_from(const std::string& text)
     });
 }
 
+std::string files_text(const std::vector<RecordedFile>& files)
+{
+    return with_json("files cannot be told", [&files] {
+        std::string text = "[\n";
+        for (const RecordedFile& file : files) {
+            text += (text.size() == 2 ? "[" : ",\n[") + Json(file.path).dump() + ","
+                + std::to_string(file.mode) + (file.directory ? "]" : ",\"" + file.sha256 + "\"]");
+        }
+        return text + "\n]\n";
+    });
+}
+
+std::vector<RecordedFile> files_from(const std::string& text)
+{
+    return with_json("files cannot be read", [&text] {
+        FileReader reader;
+        if (!Json::sax_parse(text, &reader))
+            throw Trouble("files cannot be read: " + reader.complaint());
+        return reader.take();
+    });
+}
+
 std::string release_text(const Release& release)
 {
-    return with_json("a release cannot be told", [&release] { return Json(release).dump(); });
+    return with_json("a release cannot be told", [&release] {
+        return Json(release).dump() + '\0' + files_text(release.files);
+    });
 }
 
 Release release_from(const std::string& text)
 {
-    return with_json("a release was not told",
-                     [&text] { return Json::parse(text).get<Release>(); });
+    return with_json("a release was not told", [&text] {
+        const std::size_t end = text.find('\0');  // which JSON does not hold
+        Release release = Json::parse(text.substr(0, end)).get<Release>();
+        release.files = files_from(text.substr(end + 1));
+        return release;
+    });
 }
 
 }  // namespace tarvik::ctl

@@ -35,6 +35,7 @@ struct Release {
     std::string installed;  ///< when, in UTC, as ISO 8601 has it
     DeployOptions options;
     std::vector<RecordedFile> files;        ///< parents first
+    std::string filesId;                    ///< what they are stored under; empty: not stored yet
     std::vector<std::string> writableDirs;  ///< destinations of mappings, like the files' paths
     std::vector<std::string> otherDirs;
 };
@@ -63,7 +64,7 @@ struct Exchange {
     std::string directory;             ///< of the tree to come in, beside the application's
     std::optional<Identity> incoming;  ///< none as long as that tree is being made
     mode_t outgoingMode = 0;           ///< of the tree that is in use before
-    Release release;                   ///< what is in it
+    Release release;                   ///< what is in it, then
 };
 
 enum class State {
@@ -78,17 +79,21 @@ struct InstanceRecord {
     State state = State::Deploying;
     Release current;
     std::vector<KeptRelease> kept;  ///< the latest first
+    std::string listId;             ///< under what the files are stored that the list has
     std::optional<Exchange> exchange;
 };
 
 /// @return what `state` is called in records and for people.
 const char* state_name(State state);
 
-/// Records as JSON. @throws Trouble for what is no record.
+/// Records as JSON, without the files of their releases. @throws Trouble for what is no record.
 std::string record_text(const InstanceRecord& record);
 InstanceRecord record_from(const std::string& text);
 
-/// A release alone, for what one process tells another.
+std::string files_text(const std::vector<RecordedFile>& files);
+std::vector<RecordedFile> files_from(const std::string& text);
+
+/// A release with its files, for what one process tells another.
 std::string release_text(const Release& release);
 Release release_from(const std::string& text);
 

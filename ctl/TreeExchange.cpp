@@ -130,9 +130,15 @@ public:
         const bool stale = old_.count(path) != 0 && next_.count(path) == 0;
         if (S_ISDIR(status.st_mode))
             return stale ? Take::IfNeeded : Take::Link;
-        if (changed_.count(path) == 0 && (stale || next_.count(path) != 0))
+        if (is_brought(path) || (stale && changed_.count(path) == 0))
             return Take::Skip;
         return would_be_touched(path, status) ? Take::Copy : Take::Link;
+    }
+
+    /// The next release has it, and the site has not changed it.
+    bool is_brought(const std::string& path) const
+    {
+        return next_.count(path) != 0 && changed_.count(path) == 0;
     }
 
     mode_t bits(const std::string& path, const struct stat& made) const
@@ -175,7 +181,7 @@ void take_over_new(const Site& site, const std::string& fromTree, const Release&
     };
     takeover.existing = Existing::StaysUnlessOlder;
     take_over_rest(site.userName, fromTree, toTree, takeover.existing,
-                   take_over(site.userName, fromTree, toTree, takeover));
+                   take_over(site.userName, fromTree, toTree, takeover, from.writableDirs));
 }
 
 /// The first name for an older kept tree that none has.
@@ -183,7 +189,7 @@ std::string older_name(const InstanceRecord& record)
 {
     const std::string start = previous_name(location_of(record.site).name) + ".";
     for (int number = 1;; ++number) {
-        const std::string name = start + std::to_string(number);
+        std::string name = start + std::to_string(number);
         if (std::none_of(record.kept.begin(), record.kept.end(),
                          [&](const KeptRelease& kept) { return kept.directory == name; }))
             return name;
@@ -222,6 +228,7 @@ void finish(InstanceRecord& record)
 {
     const Site& site = record.site;
     const std::string latest = previous_name(location_of(site).name);
+    load_files(record.name, record.exchange->release);
     const Exchange done = *record.exchange;
     // After a kill the old tree may have its last name already.
     const bool moved = !identity_of(beside_path(site, done.directory));
@@ -293,7 +300,11 @@ Pending copy_beside(const InstanceRecord& record, const Release& next)
         return rules.decide(path, status);
     };
     takeover.bits = [&](const auto& path, const auto& made) { return rules.bits(path, made); };
-    return {{changed.begin(), changed.end()}, take_over(site.userName, appDir, copy, takeover)};
+    takeover.pass_over = [&](const std::string& path, EntryType type) {
+        return type == EntryType::Regular && rules.is_brought(path);
+    };
+    return {{changed.begin(), changed.end()},
+            take_over(site.userName, appDir, copy, takeover, {""})};
 }
 
 void complete_copy(const InstanceRecord& record, const Pending& pending)
@@ -310,7 +321,8 @@ void complete_copy(const InstanceRecord& record, const Pending& pending)
         return !S_ISDIR(status.st_mode) && changed.count(path) != 0 ? Take::Link : Take::Skip;
     };
     rules.existing = Existing::Goes;
-    take_over_rest(user, from, to, rules.existing, take_over(user, from, to, rules));
+    take_over_rest(user, from, to, rules.existing,
+                   take_over(user, from, to, rules, pending.changed));
 }
 
 void open_kept(const InstanceRecord& record)
@@ -322,13 +334,13 @@ void open_kept(const InstanceRecord& record)
 }
 
 Exchange begun_exchange(const InstanceRecord& record, const std::string& command,
-                        const std::string& directory, const Release& release)
+                        const std::string& directory)
 {
     struct stat status;
     const std::string appDir = record.site.application_dir();
     if (::lstat(appDir.c_str(), &status) != 0)
         throw_failed(appDir);
-    return {command, directory, std::nullopt, status.st_mode & kModeBits, release};
+    return {command, directory, std::nullopt, status.st_mode & kModeBits, {}};
 }
 
 void exchange(InstanceRecord& record)

@@ -15,9 +15,10 @@ namespace tarvik::ctl {
 /// Refuses what cannot be exchanged. @throws Trouble that says why, with nothing touched.
 void require_exchangeable(const Site& site);
 
-/// @return what to record before anything else is done. @throws Trouble
+/// @return what to record before anything else is done; its release comes when the tree is ready.
+/// @throws Trouble
 Exchange begun_exchange(const InstanceRecord& record, const std::string& command,
-                        const std::string& directory, const Release& release);
+                        const std::string& directory);
 
 /// What is still to be taken over into a copy, once the next release is in it.
 struct Pending {

@@ -131,6 +131,7 @@ void Takeover::take(const std::string& path)
     const TreeVisitor visitor = {
         [this](const TreeEntry& entry) { return take_entry(entry); },
         {},
+        rules_.pass_over,
         [this](const std::string& refused, int error) { leave_to_others(refused, error); }};
     if (!path.empty()) {
         const TDescriptor parent(
@@ -248,7 +249,7 @@ bool Takeover::provide_directory(const std::string& path)
 
 void Takeover::leave_to_others(const std::string& path, int error)
 {
-    if (error == ENOENT)  // it has gone meanwhile
+    if (error == ENOENT || error == ENOTDIR)  // it has gone meanwhile
         return;
     if (rules_.last || !is_refusal(error))
         throw Trouble(path + " cannot be taken over: " + std::strerror(error));
@@ -256,9 +257,9 @@ void Takeover::leave_to_others(const std::string& path, int error)
 }
 
 Paths take_over(const std::string& siteUser, const std::string& from, const std::string& to,
-                const TakeoverRules& rules)
+                const TakeoverRules& rules, const Paths& paths)
 {
-    return turn(siteUser, from, to, rules, {""});
+    return turn(siteUser, from, to, rules, paths);
 }
 
 void take_over_rest(const std::string& siteUser, const std::string& from, const std::string& to,

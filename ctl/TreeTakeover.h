@@ -33,6 +33,8 @@ struct TakeoverRules {
     std::function<Take(const std::string& path, const struct stat& status)> decide;
     /// Permission bits that a directory gets beside its old ones; may be empty.
     std::function<mode_t(const std::string& path, const struct stat& made)> bits = {};
+    /// As in a TreeVisitor; may be empty.
+    std::function<bool(const std::string& path, EntryType type)> pass_over = {};
     Existing existing = Existing::Stays;
     bool last = false;  ///< nobody comes after: what cannot be linked is copied, or it is an error
 };
@@ -77,11 +79,14 @@ private:
 };
 
 /**
- * The turn of the site's user, who takes all of a tree but what the web server owns.
- * @param from, to  directories. @return what is left. @throws Trouble for what nobody can take.
+ * The turn of the site's user, who takes but what the web server owns.
+ * @param from, to  directories. @param paths  in them, with all that is below; the empty path is
+ * all.
+ * @return what is left. @throws Trouble for what nobody can take.
  */
 std::vector<std::string> take_over(const std::string& siteUser, const std::string& from,
-                                   const std::string& to, const TakeoverRules& rules);
+                                   const std::string& to, const TakeoverRules& rules,
+                                   const std::vector<std::string>& paths);
 
 /// The turns that follow: the web server's, then again the user's, for what neither has taken.
 void take_over_rest(const std::string& siteUser, const std::string& from, const std::string& to,

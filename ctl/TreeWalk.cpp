@@ -1,6 +1,5 @@
 #include "ctl/TreeWalk.h"
 
-#include "app/Listing.h"
 #include "common/misc.h"
 
 #include <boost/filesystem/exception.hpp>
@@ -24,7 +23,7 @@ public:
             const std::string next = path_below(path, entry.path);
             if (next.size() >= PATH_MAX)  // also bounds how deep this calls itself
                 refuse(next, ENAMETOOLONG);
-            else
+            else if (!visitor_.pass_over || !visitor_.pass_over(next, entry.type))
                 one(path, entry.path, next);
         }
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/Listing.h"
+
 #include <sys/stat.h>
 
 #include <functional>
@@ -22,6 +24,9 @@ struct TreeVisitor {
     std::function<bool(const TreeEntry& entry)> visit;
     /// Called for a directory when what is in it has been visited; may be empty.
     std::function<void(const TreeEntry& entry)> leave = {};
+    /// Asked for each entry by what the listing tells of it: those passed over are not even
+    /// examined; may be empty.
+    std::function<bool(const std::string& path, EntryType type)> pass_over = {};
     /// Called for what cannot be examined or read, with an `errno` value; may be empty.
     std::function<void(const std::string& path, int error)> refused = {};
 };

@@ -58,7 +58,7 @@ Begun begin(const Words& words, const std::string& name, const Site& site)
     InstanceRecord record;
     record.name = name;
     record.site = site;
-    record.current = planned_release(words.package, site, words.options);
+    record.current = Planning(words.package, site, words.options).release();
     if (known)
         save(record);
     else
@@ -95,9 +95,10 @@ int deploy(int argc, char** argv)
         words.site.instance.empty() ? usual_instance_name(site) : words.site.instance;
     const InstanceLock lock(name, argv[0], words.wait);
     Begun begun = begin(words, name, site);
-    extract_or_forget(begun, words.package);
     InstanceRecord& record = begun.record;
-    record.current = installed_release(words.package, site, words.options);
+    ReleaseCompletion completion(words.package, site);
+    extract_or_forget(begun, words.package);
+    completion.complete(record.current, site, {});
     save(record);
     if (words.options.script)
         run_release_script(record.current, site, "install");

@@ -40,6 +40,7 @@ int remove(int argc, char** argv)
     const std::string name = require_instance(options).name;
     const InstanceLock lock(name, argv[0], wait);
     InstanceRecord record = require_instance({{}, name});  // as it is now
+    load_files(name, record.current);
     settle_exchange(record);
 
     if (record.state == State::Installed && record.current.options.script && !skipScript) {

@@ -25,11 +25,13 @@ constexpr char kSummary[] =
 
 void roll_back(InstanceRecord& record)
 {
-    const KeptRelease& kept = record.kept.front();
-    record.exchange = begun_exchange(record, kCommand, kept.directory, kept.release);
+    KeptRelease& kept = record.kept.front();
+    load_files(record.name, kept.release);
+    record.exchange = begun_exchange(record, kCommand, kept.directory);
     save(record);
     try {
         open_kept(record);
+        record.exchange->release = kept.release;
         exchange(record);
     } catch (...) {
         settle_exchange(record);
@@ -51,6 +53,7 @@ int rollback(int argc, char** argv)
     const std::string name = require_instance(options).name;
     const InstanceLock lock(name, argv[0], wait);
     InstanceRecord record = require_instance({{}, name});  // as it is now
+    load_files(name, record.current);
     const std::string before = full_version(record.current);
     const bool wasRollback = record.exchange && record.exchange->command == kCommand;
     if (!settle_exchange(record) || !wasRollback) {

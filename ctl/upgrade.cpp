@@ -1,18 +1,14 @@
 #include "common/TmpFile.h"
-#include "ctl/Child.h"
 #include "ctl/CommandLine.h"
 #include "ctl/Deployment.h"
 #include "ctl/InstanceStore.h"
 #include "ctl/KeptTrees.h"
 #include "ctl/ListWriter.h"
-#include "ctl/Manifest.h"
 #include "ctl/Output.h"
 #include "ctl/TreeExchange.h"
 #include "ctl/Trouble.h"
 #include "ctl/commands.h"
 
-#include <algorithm>
-#include <cstring>
 #include <iostream>
 #include <set>
 
@@ -67,44 +63,28 @@ DeployOptions next_options(const Words& words, const InstanceRecord& record)
     return options;
 }
 
-/// What was installed is to be what the package has, but for what the site has changed before.
-void require_right(const Site& site, const Release& release,
-                   const std::vector<std::string>& changed)
-{
-    static_cast<void>(ask_as(site.userName, [&] {
-        for (const auto& [kind, detail, path] : differences(site.application_dir(), release, {})) {
-            if (std::strcmp(kind, "extra") != 0
-                && std::find(changed.begin(), changed.end(), path) == changed.end())
-                throw Trouble(path + " was not installed as it should be: " + kind);
-        }
-        return std::string();
-    }));
-}
-
 /// Makes the tree to come. @throws Trouble with the running one as it was.
-void prepare(InstanceRecord& record, const Words& words)
+void prepare(InstanceRecord& record, const Words& words, Release next)
 {
     const Site copy = beside(record.site, record.exchange->directory);
-    Release& next = record.exchange->release;
-    const DeployOptions options = next.options;
+    ReleaseCompletion completion(words.package, copy);
     const Pending pending = copy_beside(record, next);
-    if (extract(words.package, copy, options.skipWebserverWrite) != 0)
+    if (extract(words.package, copy, next.options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted; the running application is as it was");
     complete_copy(record, pending);
-    next = installed_release(words.package, copy, options);
-    require_right(copy, next, pending.changed);
-    if (options.script)
+    completion.complete(next, copy, pending.changed);
+    if (next.options.script)
         run_release_script(next, copy, "upgrade");
+    record.exchange->release = std::move(next);
 }
 
 void upgrade_by_exchange(InstanceRecord& record, const Words& words, const Release& next)
 {
     require_exchangeable(record.site);
-    record.exchange =
-        begun_exchange(record, "upgrade", next_name(location_of(record.site).name), next);
+    record.exchange = begun_exchange(record, "upgrade", next_name(location_of(record.site).name));
     save(record);
     try {
-        prepare(record, words);
+        prepare(record, words, next);
         exchange(record);
     } catch (...) {
         settle_exchange(record);
@@ -137,13 +117,14 @@ void delete_stale(const InstanceRecord& record, const Release& next)
         throw Trouble("files of the old release were not removed; the same command goes on");
 }
 
-void upgrade_in_place(InstanceRecord& record, const Words& words, const DeployOptions& options)
+void upgrade_in_place(InstanceRecord& record, const Words& words, Release next)
 {
-    if (extract(words.package, record.site, options.skipWebserverWrite) != 0)
+    ReleaseCompletion completion(words.package, record.site);
+    if (extract(words.package, record.site, next.options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted");
-    Release next = installed_release(words.package, record.site, options);
+    completion.complete(next, record.site, {});
     delete_stale(record, next);
-    if (options.script)
+    if (next.options.script)
         run_release_script(next, record.site, "upgrade");
     record.current = std::move(next);
     save(record);
@@ -168,11 +149,12 @@ int upgrade(int argc, char** argv)
     if (record.state != State::Installed)
         throw Trouble("instance " + name + " is recorded as " + state_name(record.state));
     const std::string before = full_version(record.current);
-    const DeployOptions options = next_options(words, record);
-    const Release next = planned_release(words.package, record.site, options);
+    Planning planning(words.package, record.site, next_options(words, record));
+    load_files(name, record.current);
+    const Release next = planning.release();
     const bool settled = settle_exchange(record);
     if (words.inPlace)
-        upgrade_in_place(record, words, options);
+        upgrade_in_place(record, words, next);
     else if (!settled
              || !is_of_one_package(record.current, next))  // else a killed run was this one
         upgrade_by_exchange(record, words, next);

@@ -37,8 +37,9 @@ std::vector<std::string> foreign(const InstanceRecord& record,
     return paths;
 }
 
-int verify_one(const InstanceRecord& record, const std::vector<std::string>& ignored)
+int verify_one(InstanceRecord record, const std::vector<std::string>& ignored)
 {
+    load_files(record.name, record.current);
     return run_as(record.site.userName, [&] {
         Rows rows;
         const std::vector<Difference> found =

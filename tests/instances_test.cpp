@@ -199,7 +199,8 @@ TEST_F(Instances, SurviveAFullDiskAndAKill)
 {
     // What is written, but not on standard streams, is the record: a hundred bytes have room for the lock alone.
     const Result full = zendrelctl(site_.ctl({"deploy", site_.path("package")}), "", {100, 0});
-    EXPECT_EQ(full.err, "zendrelctl: cannot write " + kStore + "vhost-app.xml: File too large\n") << full;
+    EXPECT_EQ(full.err.find("zendrelctl: cannot write " + kStore + "vhost-app."), 0u) << full;
+    EXPECT_NE(full.err.find(": File too large"), std::string::npos) << full;
     EXPECT_EQ(site_.listing(), "\n");
     EXPECT_EQ(zendrelctl({"instances"}), prints(""));
 
