@@ -215,10 +215,10 @@ const char* state_name(State state)
 std::string record_text(const InstanceRecord& record)
 {
     return with_json("a record cannot be written", [&record] {
-        Json json = {{"format", kFormat},         {"instance", record.name},
-                     {"site", record.site},       {"state", state_name(record.state)},
-                     {"list", record.listId},
-                     {"current", record.current}, {"kept", record.kept}};
+        Json json = {{"format", kFormat},     {"instance", record.name},
+                     {"site", record.site},   {"state", state_name(record.state)},
+                     {"list", record.listId}, {"current", record.current},
+                     {"kept", record.kept}};
         if (record.exchange)
             json["exchange"] = *record.exchange;
         return json.dump(1) + '\n';

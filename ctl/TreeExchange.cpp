@@ -162,26 +162,32 @@ private:
     bool script_, widens_;
 };
 
-/// Takes what is new in the writable mappings of one tree over into another one.
+/// Takes what has come to one tree, or is newer there, over into another one: by visitors, who put
+/// files into the writable mappings, and by the owner, who may put them anywhere.
 void take_over_new(const Site& site, const std::string& fromTree, const Release& from,
                    const std::string& toTree, const Release& to)
 {
     const Names changed = ask_changed(site, fromTree, from);
-    const NextTree rules(from, to, changed);
-    const WritableArea area(from);
     const Names installed = names_of(from);
+    const NextTree rules(from, to, changed);
+    const auto is_installed = [&](const std::string& path) {
+        return installed.count(path) != 0 && changed.count(path) == 0;
+    };
     TakeoverRules takeover;
     takeover.decide = [&](const std::string& path, const struct stat& status) {
-        if (!area.has(path) || (installed.count(path) != 0 && changed.count(path) == 0))
-            return Take::Skip;
-        return S_ISDIR(status.st_mode) ? rules.decide(path, status) : Take::Link;
+        if (S_ISDIR(status.st_mode))
+            return rules.decide(path, status);
+        return is_installed(path) ? Take::Skip : Take::Link;
+    };
+    takeover.pass_over = [&](const std::string& path, EntryType type) {
+        return type == EntryType::Regular && is_installed(path);
     };
     takeover.bits = [&](const std::string& path, const struct stat& made) {
         return rules.bits(path, made);
     };
     takeover.existing = Existing::StaysUnlessOlder;
     take_over_rest(site.userName, fromTree, toTree, takeover.existing,
-                   take_over(site.userName, fromTree, toTree, takeover, from.writableDirs));
+                   take_over(site.userName, fromTree, toTree, takeover, {""}));
 }
 
 /// The first name for an older kept tree that none has.
@@ -250,10 +256,10 @@ void take_back(InstanceRecord& record)
 {
     const std::string name = record.exchange->directory;
     const bool kept = name == previous_name(location_of(record.site).name);
-    if (kept)
-        set_mode(record.site, name, kClosed);
-    else
+    if (!kept)
         remove_tree(record.site, name);
+    else if (identity_of(beside_path(record.site, name)))
+        set_mode(record.site, name, kClosed);
     record.exchange.reset();
     save(record);
 }

@@ -38,13 +38,13 @@ Pending copy_beside(const InstanceRecord& record, const Release& next);
 /// closed directories.
 void complete_copy(const InstanceRecord& record, const Pending& pending);
 
-/// Prepares the latest kept tree: takes what has come to the writable mappings since over into it.
+/// Prepares the latest kept tree: takes what has come to the running one since over into it.
 void open_kept(const InstanceRecord& record);
 
 /**
  * Exchanges the application's directory for the tree that the record's exchange names, waits until
- * nobody works in the old one any more, takes over what visitors have put there meanwhile, and
- * records it all.
+ * nobody works in the old one any more, takes over what has been put there meanwhile, and records
+ * it all.
  * @throws Trouble when the exchange cannot be made; then nothing has changed.
  */
 void exchange(InstanceRecord& record);

@@ -30,6 +30,13 @@ bool belongs_to_another(const struct stat& status)
     return status.st_uid == webServer && ::geteuid() != webServer;
 }
 
+/// Bits that give away an owner's rights are the owner's to set, and do not pass to a new one.
+mode_t mode_for_copy(const struct stat& status)
+{
+    const mode_t rights = status.st_uid == ::geteuid() ? 0 : S_ISUID | S_ISGID;
+    return status.st_mode & kModeBits & ~rights;
+}
+
 bool is_newer(const struct stat& a, const struct stat& b)
 {
     return a.st_mtim.tv_sec != b.st_mtim.tv_sec ? a.st_mtim.tv_sec > b.st_mtim.tv_sec
@@ -65,7 +72,7 @@ bool copy_file(const TreeEntry& entry, int directory)
     TDescriptor out(::openat(directory, kTemporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     const timespec times[] = {entry.status.st_atim, entry.status.st_mtim};
     return out && copy_content(in.get(), out.get())
-        && ::fchmod(out.get(), entry.status.st_mode & kModeBits) == 0
+        && ::fchmod(out.get(), mode_for_copy(entry.status)) == 0
         && ::futimens(out.get(), times) == 0 && out.close();
 }
 
@@ -238,7 +245,7 @@ bool Takeover::provide_directory(const std::string& path)
         const int parent = targets_.at(parent_path(path));
         if (source && ::fstat(source.get(), &status) == 0 && parent >= 0
             && ::mkdirat(parent, last_name(path).c_str(), 0700) == 0) {
-            made_.push_back({path, status.st_mode & kModeBits});
+            made_.push_back({path, mode_for_copy(status)});
             return true;
         }
         error = errno;

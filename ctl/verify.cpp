@@ -39,6 +39,10 @@ std::vector<std::string> foreign(const InstanceRecord& record,
 
 int verify_one(InstanceRecord record, const std::vector<std::string>& ignored)
 {
+    if (record.state != State::Installed) {
+        Rows().add({record.name, "unfinished", state_name(record.state)}, Tone::Bad);
+        return kDifferent;
+    }
     load_files(record.name, record.current);
     return run_as(record.site.userName, [&] {
         Rows rows;

@@ -152,6 +152,7 @@ TEST_F(Instances, AreNotDeployedByMistake)
     EXPECT_EQ(ctl({"deploy", "--script"}).err, "zendrelctl: the package's script ended install with status 1\n");
     EXPECT_EQ(plain(zendrelctl({"instances"})), prints("vhost-app shop 2-7 deploying @/vhost/httpdocs/app\n"));
     EXPECT_EQ(ctl({"upgrade", site_.path("package")}), fails("instance vhost-app is recorded as deploying"));
+    EXPECT_EQ(zendrelctl({"verify"}), prints("vhost-app unfinished deploying\n", 2));
     EXPECT_EQ(ctl({"deploy", "--instance=other"}), fails("@/vhost/httpdocs/app already has instance vhost-app"));
     EXPECT_EQ(ctl({"deploy", "--instance=vhost-app"}, {"--application-subdirectory=x"}),
               fails("instance vhost-app is being deployed to @/vhost/httpdocs/app"));

@@ -126,6 +126,10 @@ TEST_F(Upgrade, ExchangesTheTreeWithWhatTheSiteHasCollected)
     EXPECT_EQ(ctl({"upgrade", "old", "--keep=0"}).status, 0);
     EXPECT_EQ(run({"ls", "-A", site_.docroot()}).out, "app\n");
     EXPECT_EQ(ctl({"rollback"}), says(1, "zendrelctl: nothing is kept of instance vhost-app\n"));
+    EXPECT_EQ(ctl({"upgrade", "new"}).status, 0);
+    site_.shell("rm -r vhost/httpdocs/.app.previous");
+    EXPECT_EQ(ctl({"rollback"}), says(1, "zendrelctl: @/vhost/httpdocs/.app.previous: No such file or directory\n"));
+    EXPECT_EQ(ctl({"upgrade", "old"}).status, 0);
 }
 
 TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
