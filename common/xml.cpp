@@ -40,6 +40,7 @@ constexpr std::size_t kMaxDeclarations = 1'000;
 constexpr int kMaxTextDepth = 2'000;
 // From 10,000 on the library raises an alarm and skips blanks for ever in the state that it sets.
 constexpr unsigned long kMaxReferencesInDocumentType = 4'000;
+constexpr char kBeyondLimits[] = "goes beyond a limit, or is in an encoding that is not read";
 
 std::string_view view(const xmlChar* text)
 {
@@ -132,8 +133,15 @@ public:
             std::rethrow_exception(failure_);
         if (stopped_)
             return XmlEnd::Stopped;
-        return context_->wellFormed != 0 && !refused_ ? XmlEnd::WellFormed : XmlEnd::Malformed;
+        if (context_->wellFormed != 0 && !refused_)
+            return XmlEnd::WellFormed;
+        if (problem_.text.empty())
+            problem_ = {current_line(), kBeyondLimits};
+        return XmlEnd::Malformed;
     }
+
+    /// What made the document malformed.
+    const XmlProblem& problem() const { return problem_; }
 
     XmlDoc take_tree() { return XmlDoc(std::exchange(context_->myDoc, nullptr)); }
 
@@ -217,10 +225,17 @@ public:
     }
 
     /// The library would go on without events after an error that makes a document malformed.
-    void refuse()
-    {
+    void refuse(const xmlError& error)
+    try {
+        // What follows the end of a reading is of its making.
+        if (!ended() && error.message != nullptr) {
+            problem_ = {error.line, error.message};
+            problem_.text.erase(problem_.text.find_last_not_of('\n') + 1);
+        }
         refused_ = true;
         halt();
+    } catch (...) {
+        fail();
     }
 
 private:
@@ -301,6 +316,8 @@ private:
         return spend_event(entityText_ <= kMaxEntityText && !alarming);
     }
 
+    int current_line() const { return context_->input == nullptr ? 0 : context_->input->line; }
+
     bool ended() const { return refused_ || stopped_ || failure_ || XmlSilence::out_of_memory(); }
 
     void fail()
@@ -358,6 +375,7 @@ private:
     std::vector<std::size_t> scopes_;  ///< namespaces declared by each open element
     bool refused_ = false;
     bool stopped_ = false;
+    XmlProblem problem_;
     std::exception_ptr failure_;
     ParserContext context_;
     xmlParserCtxt* current_ = nullptr;  ///< where the last event occurred
@@ -368,7 +386,7 @@ void end_at_fatal_error(void*, xmlError* error)
 {
     const auto* const parser = static_cast<xmlParserCtxt*>(error->ctxt);
     if (error->level == XML_ERR_FATAL && parser->_private != nullptr)
-        Reading::at(error->ctxt).refuse();
+        Reading::at(error->ctxt).refuse(*error);
 }
 
 /// The library's tree builder, each step counted first.
@@ -520,11 +538,15 @@ void FreeXmlDoc::operator()(_xmlDoc* document) const noexcept
     xmlFreeDoc(document);
 }
 
-XmlDoc read_xml_tree(XmlSource source)
+XmlDoc read_xml_tree(XmlSource source, XmlProblem* problem)
 {
     const XmlSilence silence;
-    Reading reading(std::move(source), tree_handler(), 0, nullptr);
-    return reading.run() == XmlEnd::WellFormed ? reading.take_tree() : nullptr;
+    Reading reading(std::move(source), tree_handler(), XML_PARSE_BIG_LINES, nullptr);
+    if (reading.run() == XmlEnd::WellFormed)
+        return reading.take_tree();
+    if (problem != nullptr)
+        *problem = reading.problem();
+    return nullptr;
 }
 
 XmlSource xml_source(std::string_view text)

@@ -55,13 +55,20 @@ using XmlDoc = std::unique_ptr<_xmlDoc, FreeXmlDoc>;
 /// Bytes of the longest document that is read into a tree.
 constexpr std::size_t kMaxXmlTreeBytes = 16 * 1024 * 1024;
 
+/// Why a document was refused, for whoever has written it.
+struct XmlProblem {
+    int line = 0;
+    std::string text;  ///< in the library's words where it found the document not well-formed
+};
+
 /**
  * Reads a document into a tree. Entity references stay references, so the tree is never larger
  * than the text; comments and processing instructions are left out.
+ * @param problem  receives what is wrong with a document that is refused; may be null.
  * @return the tree; null when the document is not well-formed, cannot be read or costs too much.
  * @throws std::bad_alloc
  */
-XmlDoc read_xml_tree(XmlSource source);
+XmlDoc read_xml_tree(XmlSource source, XmlProblem* problem = nullptr);
 
 /// @return a source over `text`, which it borrows.
 XmlSource xml_source(std::string_view text);
