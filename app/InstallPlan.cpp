@@ -174,6 +174,11 @@ private:
 
 }  // namespace
 
+bool makes_program(const FSAMetaDataWebContent& mapping, const std::string& path)
+{
+    return CgiRule(mapping.cgiHandlers).executes(path);
+}
+
 std::string join(const std::string& directory, const std::string& path)
 {
     return directory + "/" + path;

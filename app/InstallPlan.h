@@ -10,6 +10,7 @@
 namespace tarvik {
 
 class FSAMetaDataReader;
+class FSAMetaDataWebContent;
 
 /// One planned step: a file or directory of the package and the place it goes to.
 struct FSAInstallFileinfo {
@@ -25,6 +26,9 @@ struct InstallPlan {
     std::list<std::string> writableDirs;  ///< destinations of writable mappings, in metadata order
     std::list<std::string> otherDirs;     ///< destinations of the others
 };
+
+/// @return whether the CGI handlers of a mapping make a program of a file in it.
+bool makes_program(const FSAMetaDataWebContent& mapping, const std::string& path);
 
 /// Paths are joined as they are spelled.
 std::string join(const std::string& directory, const std::string& path);

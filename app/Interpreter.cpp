@@ -17,7 +17,7 @@ constexpr mode_t kReadableAndExecutable = 0555;
 constexpr char kPhp[] = "php";
 constexpr char kProductEngine[] = "mo-engine-tarvikrun";
 constexpr char kPerl[] = "perl";
-constexpr char kBinary[] = "binary";
+const char* const kLanguages[] = {kPhp, kProductEngine, kPerl, kBinaryLanguage};
 
 const char* const kPhpOptions[] = {"-d", "variables_order=EGPCS", "-d", "safe_mode=0",
                                    "-d", "open_basedir="};
@@ -54,15 +54,22 @@ std::optional<Interpreter> first_usable(const Strings& candidates, const char* n
 std::optional<Interpreter> choose_interpreter(const std::string& language,
                                               const std::string& php_cli)
 {
-    if (language == kPhp || language == kProductEngine)
-        return first_usable(php_candidates(language, php_cli), "php",
-                            {std::begin(kPhpOptions), std::end(kPhpOptions)});
+    if (!is_script_language(language)) {
+        std::cerr << "Config script language '" << language << "' is not supported!\n";
+        return std::nullopt;
+    }
     if (language == kPerl)
         return first_usable({std::begin(kPerlCandidates), std::end(kPerlCandidates)}, "perl", {});
-    if (language == kBinary)
+    if (language == kBinaryLanguage)
         return Interpreter {};
-    std::cerr << "Config script language '" << language << "' is not supported!\n";
-    return std::nullopt;
+    return first_usable(php_candidates(language, php_cli), "php",
+                        {std::begin(kPhpOptions), std::end(kPhpOptions)});
+}
+
+bool is_script_language(const std::string& language)
+{
+    return std::find(std::begin(kLanguages), std::end(kLanguages), language)
+        != std::end(kLanguages);
 }
 
 bool fsa_is_file_executable(const std::string& path)

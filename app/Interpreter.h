@@ -21,6 +21,12 @@ struct Interpreter {
 std::optional<Interpreter> choose_interpreter(const std::string& language,
                                               const std::string& php_cli);
 
+/// The language of what is started itself.
+constexpr char kBinaryLanguage[] = "binary";
+
+/// @return whether a script may be in that language, whatever this host has to run it.
+bool is_script_language(const std::string& language);
+
 /// @return whether everybody may read and execute `path`, links followed.
 bool fsa_is_file_executable(const std::string& path);
 

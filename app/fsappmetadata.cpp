@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <optional>
@@ -31,6 +32,7 @@ struct FSAMetaDataReader::urlMappingItem {
     std::list<FSAMetaDataWebContent::CGIHandler> cgiHandlers;
     std::list<FSAMetaDataWebContent::PHPHandler> phpHandlers;
     std::string redirect;
+    int line = 0;
 };
 
 namespace {
@@ -114,16 +116,6 @@ int read_some(int file, char* buffer, int size)
         count = read();
     }
     return static_cast<int>(count);
-}
-
-/// Reads the file as it is: no decompression, and no name means more than a path.
-XmlDoc load(const std::string& fileName)
-{
-    const TDescriptor file = open_file_or_pipe(fileName);
-    if (!file)
-        return nullptr;
-    return read_xml_tree(
-        [&file](char* buffer, int size) { return read_some(file.get(), buffer, size); });
 }
 
 std::int32_t depth_of(const std::string& url)
@@ -258,17 +250,38 @@ FSAMetaDataWebContent& FSAMetaDataWebContent::operator=(const FSAMetaDataWebCont
     return *this;
 }
 
+/// Reads the file as it is: no decompression, and no name means more than a path.
+XmlDoc read_metadata_tree(const std::string& fileName, XmlProblem& problem)
+{
+    const TDescriptor file = open_file_or_pipe(fileName);
+    if (!file)
+        return nullptr;
+    return read_xml_tree(
+        [&file](char* buffer, int size) { return read_some(file.get(), buffer, size); }, &problem);
+}
+
 FSAMetaDataReader::FSAMetaDataReader(const std::string& fileName) : packagingVersion_("1.0")
 {
     const XmlSilence silence;
-    const XmlDoc document = load(fileName);
+    XmlProblem problem;
+    const XmlDoc document = read_metadata_tree(fileName, problem);
     if (!document)
         throw_unable_to_load(fileName);
-    try {
-        read(*document);
-    } catch (const XmlBudgetExceeded&) {
-        throw_unable_to_load(fileName);
-    }
+    read(*document, fileName);
+}
+
+FSAMetaDataReader::FSAMetaDataReader(_xmlDoc& document, const std::string& fileName)
+    : packagingVersion_("1.0")
+{
+    const XmlSilence silence;
+    read(document, fileName);
+}
+
+void FSAMetaDataReader::read(_xmlDoc& document, const std::string& fileName)
+try {
+    read(document);
+} catch (const XmlBudgetExceeded&) {
+    throw_unable_to_load(fileName);
 }
 
 void FSAMetaDataReader::read(_xmlDoc& document)
@@ -299,9 +312,11 @@ void FSAMetaDataReader::read(_xmlDoc& document)
     scriptLanguage_ = xml_text(Nodes(*language).front(), budget);
 
     const XPathObject mappings = find("/s:application/s:mapping");
+    std::vector<std::pair<std::int32_t, int>> lines;  // by depth
     for (urlMappingItem& item : getUrlMappings(context, *mappings, "", "")) {
         FSAMetaDataWebContent& content = webContents_.emplace_back();
         content.depth = depth_of(item.url);
+        lines.emplace_back(content.depth, item.line);
         content.path = std::move(item.path);
         content.url = std::move(item.url);
         content.writable = item.writable;
@@ -310,6 +325,10 @@ void FSAMetaDataReader::read(_xmlDoc& document)
         content.redirect = std::move(item.redirect);
     }
     webContents_.sort();  // stable
+    std::stable_sort(lines.begin(), lines.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::transform(lines.begin(), lines.end(), std::back_inserter(mappingLines_),
+                   [](const auto& line) { return line.second; });
 }
 
 std::list<FSAMetaDataReader::urlMappingItem>
@@ -325,6 +344,7 @@ FSAMetaDataReader::getUrlMappings(_xmlXPathContext* context, const _xmlXPathObje
             continue;
         const std::string url = required_url(mapping, budget);
         urlMappingItem item;
+        item.line = static_cast<int>(xmlGetLineNo(mapping));
         item.url = remove_trailing_slashes(parentUrl) + "/" + remove_starting_slashes(url);
         if (const auto kind = xml_attribute(mapping, "virtual", budget)) {
             const auto target = xml_attribute(mapping, "href", budget);

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "common/xml.h"
+
 #include <cstdint>
 #include <list>
 #include <string>
+#include <vector>
 
 struct _xmlDoc;
 struct _xmlXPathContext;
@@ -50,6 +53,14 @@ public:
     std::string redirect;               ///< target of a redirecting mapping, else empty
 };
 
+/**
+ * Reads a metadata file as a tree, for who looks at more than its contents.
+ * @param fileName  as the reader below takes it. @param problem  receives why a file that could be
+ * opened is refused.
+ * @return the tree; null when the reader would not load the file. @throws std::bad_alloc
+ */
+XmlDoc read_metadata_tree(const std::string& fileName, XmlProblem& problem);
+
 /// The contents of a package's metadata file, read once.
 class FSAMetaDataReader {
 public:
@@ -61,6 +72,8 @@ public:
      *         read or lacks a required element; std::bad_alloc when memory runs out.
      */
     explicit FSAMetaDataReader(const std::string& fileName);
+    /// The same for a tree that has been read from the file of that name.
+    FSAMetaDataReader(_xmlDoc& document, const std::string& fileName);
     FSAMetaDataReader(const FSAMetaDataReader&) = default;
     FSAMetaDataReader(FSAMetaDataReader&&) = default;
     /// Assigning a mapping leaves its handlers as they are, so a list of them would keep wrong
@@ -71,6 +84,8 @@ public:
 
     /// The URL mappings, shallow ones first; of equal depth, later ones of the file first.
     const std::list<FSAMetaDataWebContent>& webContents() const { return webContents_; }
+    /// The lines of their elements, in the same order.
+    const std::vector<int>& mappingLines() const { return mappingLines_; }
     const std::string& name() const { return name_; }
     const std::string& version() const { return version_; }
     const std::string& release() const { return release_; }
@@ -82,6 +97,7 @@ public:
 private:
     struct urlMappingItem;
 
+    void read(_xmlDoc& document, const std::string& fileName);
     void read(_xmlDoc& document);
     static std::list<urlMappingItem> getUrlMappings(_xmlXPathContext* context,
                                                     const _xmlXPathObject& mappings,
@@ -89,6 +105,7 @@ private:
                                                     const std::string& parentUrl);
 
     std::list<FSAMetaDataWebContent> webContents_;
+    std::vector<int> mappingLines_;
     std::string name_;
     std::string version_;
     std::string release_;

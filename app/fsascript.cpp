@@ -42,10 +42,9 @@ std::optional<Script> choose_script(const std::string& packageDir, const Script&
 {
     try {
         const FSAMetaDataReader metadata(packageDir + "/APP-META.xml");
-        const std::string& version = metadata.packagingVersion();
-        if (version == "1.1" || version == "1.2")
+        if (leaves_script_to_caller(metadata))
             return given;
-        return Script {metadata.configurationScriptLanguage(), "configure"};
+        return Script {metadata.configurationScriptLanguage(), kConfigureScript};
     } catch (const FSACommonException& e) {
         std::cerr << "Caught exception: " << e.what() << '\n';
         return std::nullopt;
@@ -112,6 +111,12 @@ int run_and_wait(const Strings& words)
 }
 
 }  // namespace
+
+bool leaves_script_to_caller(const FSAMetaDataReader& metadata)
+{
+    const std::string& version = metadata.packagingVersion();
+    return version == "1.1" || version == "1.2";
+}
 
 std::string get_package_script_path(const char* application_full_name)
 {

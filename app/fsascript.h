@@ -8,6 +8,8 @@
 
 namespace tarvik {
 
+class FSAMetaDataReader;
+
 /// Command handler: parses the options that follow the command word, returns the exit status.
 /// Throws the option library's errors.
 int runApplicationScript(int argc, char** argv);
@@ -27,6 +29,11 @@ int fsa_run_configure_script(const std::string& application_full_name,
                              const std::string& script_file_name,
                              const std::string& script_language, const std::string& php_cli,
                              const std::list<std::string>* additional_params);
+
+/// The script of packages that do not leave it to the caller.
+constexpr char kConfigureScript[] = "configure";
+/// @return whether the caller names the script's file and language.
+bool leaves_script_to_caller(const FSAMetaDataReader& metadata);
 
 /// @return the package directory in an application full name; empty, with a message, without one.
 std::string get_package_script_path(const char* application_full_name);

@@ -50,21 +50,16 @@ constexpr char kCgiAll[] = "<IfModule mod_cgi.c>\n"
                            "</IfModule>\n";
 
 /**
- * Everything that comes from outside passes here on its way into the file. A line end in it would
- * begin a directive, which root's server obeys; for "${NAME}" that server puts in what it finds in
- * its environment. Pieces of a line meet at a blank, a "." or a "/": between two of them no
- * variable begins.
+ * Everything that comes from outside passes here on its way into the file. Pieces of a line meet at
+ * a blank, a "." or a "/": between two of them no variable begins.
  * @param holder  what has the value, and `place` where, for the message.
  * @return `value`.
  */
 const std::string& plain(const std::string& value, const std::string& holder,
                          const std::string& place = "")
 {
-    const bool controls = std::any_of(
-        value.begin(), value.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
-    if (controls || value.find("${") != std::string::npos)
-        throw FSAXMLException(holder + " has a " + (controls ? "control character" : "variable")
-                              + place + ".");
+    if (const char* const unfit = unfit_for_config(value))
+        throw FSAXMLException(holder + " has a " + unfit + place + ".");
     return value;
 }
 
@@ -291,6 +286,14 @@ try {
     std::cerr << "XML occured during processing the package file " << metadataFile << ": "
               << e.what() << '\n';
     return -1;
+}
+
+const char* unfit_for_config(const std::string& value)
+{
+    const bool controls = std::any_of(
+        value.begin(), value.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
+    const bool variable = value.find("${") != std::string::npos;
+    return controls ? "control character" : variable ? "variable" : nullptr;
 }
 
 int installWebserverConfig(int argc, char** argv)

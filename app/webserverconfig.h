@@ -27,4 +27,11 @@ int veska_install_apache_conf(const std::string& metadataFile, int disablePhp, i
                               std::string& configFile, const std::string& appSubdir,
                               const std::string& wwwRoot);
 
+/**
+ * A line end in a value would begin a directive, which root's server obeys; for "${NAME}" that
+ * server puts in what it finds in its environment.
+ * @return what keeps a value out of the Apache file; null when nothing does.
+ */
+const char* unfit_for_config(const std::string& value);
+
 }  // namespace tarvik
