@@ -127,13 +127,62 @@ TEST_F(Apache, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
         EXPECT_EQ(get(path).substr(0, 4), "404 ") << path;
     EXPECT_NE(check("-Dplain"), 0);
     // The server does not start with a blank in a redirection's target, one word too many, nor where two backslashes
-    // and an open quote draw the beginning of a section into it: the section's end stays.
+    // and an open quote draw the beginning of a section into it: the section's end stays. Nor with a
+    // target that is neither a URL nor a path.
     const std::string section = "<mapping url='x'><cgi:handler><cgi:disabled/></cgi:handler></mapping>";
-    for (const std::string target : {"/a b", "\"/b\\\\"}) {
+    for (const std::string target : {"/a b", "\"/b\\\\", "b/c"}) {
         site_.metadata(section + "<mapping url='old' virtual='redirect' href='" + target + "'/>");
         site_.shell(kInstall);
         EXPECT_NE(check("-Dalias"), 0) << target;
     }
+}
+
+TEST_F(Apache, TakesPicturesIntoTheAlbumWholeAndUnderNamesThatNothingRuns)
+{
+    site_.shell("cp -r " ZENDREL_SOURCE_DIR "/examples/packages/photos package");
+    ASSERT_EQ(zendrel(site_.extract()), says(0, ""));
+    site_.shell(kInstall);
+    // A picture of one dot, and behind its end a program.
+    site_.shell("echo iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR4nGNgYGBgAAAABQABh6FO1AAAAABJRU5ErkJggg=="
+                " | base64 -d >evil.php; echo '<?php echo \"ran\";' >>evil.php; echo '<?php' >no.png\n"
+                "{ cat evil.php; head -c 2100000 /dev/zero; } >large.png");
+    restart("-Dalias -Dcgi -Dhandler -Dsafe");
+    const auto upload = [&](const std::string& file) {
+        return get("/index.php", "-Fpicture=@" + site_.path(file)).substr(0, 4);
+    };
+    for (const auto& [file, status] : Tree {{"no.png", "415 "}, {"large.png", "413 "}, {"httpd.conf", "415 "}})
+        EXPECT_EQ(upload(file), status) << file;
+    EXPECT_EQ(get("/index.php", "-dpicture=x").substr(0, 4), "400 ");
+    EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 1u);  // as installed
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(upload("evil.php"), "303 ");
+    Words names;
+    const std::string page = get("/index.php");
+    for (std::size_t at = 0; (at = page.find("src=\"", at)) != std::string::npos; ++at)
+        names.push_back(page.substr(at + 5, page.find('"', at + 5) - at - 5));
+    ASSERT_EQ(names.size(), 2u) << page;
+    EXPECT_NE(names[0], names[1]);
+    for (const std::string& name : names) {
+        EXPECT_EQ(name.substr(name.size() - 4), ".png");
+        EXPECT_EQ(get("/" + name), "200 \n" + read(site_.path("evil.php")));
+        EXPECT_EQ(mode_of(site_.docroot(name)), 0644u);
+    }
+    EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 3u);
+
+    const auto script = [this](const std::string& action, const std::string& more) {
+        const Words words = {"--run-application-script", "--application-full-name=file:///" + site_.path("package"),
+                             "--script-name=" + action,  "--user-name=alice",
+                             "--script-file-name=",      "--script-language=",
+                             "--php-cli=/usr/bin/php",   "--additional-script-params=--data=" + site_.docroot("data")};
+        Words all = words;
+        if (!more.empty())
+            all.push_back("--additional-script-params=" + more);
+        return zendrel(all);
+    };
+    EXPECT_EQ(script("upgrade", "").out, "upgrade: pictures kept: 2\n");
+    EXPECT_EQ(script("remove", "").status, 3);
+    EXPECT_EQ(script("remove", "--force").out, "remove: removed pictures: 2\n");
+    EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 1u);
 }
 
 }  // namespace
