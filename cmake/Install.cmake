@@ -7,6 +7,7 @@ set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zendrel)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/zendrel)
 
 install(TARGETS zendrel zendrelctl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES share/app-meta.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/zendrel)
 
 # Found from where the file lies, so that the tree may be moved.
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

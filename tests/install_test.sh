@@ -28,3 +28,4 @@ for program in build/pipeline ./pipeline; do
     "$program" </dev/null | diff "$source/tests/golden/pipeline.txt" -
 done
 "$dir/usr/sbin/zendrel" --no-such-command 2>&1 | grep -q -- --extract-application
+cmp "$source/share/app-meta.rng" "$dir/usr/share/zendrel/app-meta.rng"
