@@ -10,6 +10,8 @@ public:
     /// @param name  the host's name. @param root  the root of all virtual hosts.
     VirtualHost(const std::string& name, const std::string& root);
 
+    const std::string& name() const noexcept { return name_; }
+
     /// @return the directory of the host's configuration, ending in "/".
     std::string conf() const;
 

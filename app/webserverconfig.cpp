@@ -25,6 +25,60 @@ namespace tarvik {
 
 namespace {
 
+/// By the texts alone: only root can have put links below a host's configuration directory.
+bool lies_below(const fs::path& path, const fs::path& directory)
+{
+    const fs::path way = path.lexically_normal().lexically_relative(directory.lexically_normal());
+    return !way.empty() && way != "." && *way.begin() != "..";
+}
+
+}  // namespace
+
+const char* unfit_for_config(const std::string& value)
+{
+    const bool controls = std::any_of(
+        value.begin(), value.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
+    const bool variable = value.find("${") != std::string::npos;
+    return controls ? "control character" : variable ? "variable" : nullptr;
+}
+
+const std::string& within_line(const std::string& value, const std::string& holder,
+                               const std::string& place)
+{
+    if (const char* const unfit = unfit_for_config(value))
+        throw FSAXMLException(holder + " has a " + unfit + place + ".");
+    return value;
+}
+
+layout::VirtualHost virtual_host(const std::string& vhostPath)
+{
+    return {fs::path(remove_trailing_slashes(vhostPath)).filename().native(),
+            oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D)};
+}
+
+std::string apache_config_path(const std::string& vhostPath, const std::string& fileName)
+{
+    const layout::VirtualHost host = virtual_host(vhostPath);
+    std::string path = host.conf() + "/siteapp.d/" + fileName;
+    if (host.name() == "." || host.name() == ".." || !lies_below(path, host.conf()))
+        throw fs::filesystem_error("configuration file", path,
+                                   make_error_code(boost::system::errc::invalid_argument));
+    return path;
+}
+
+bool provide_apache_config_directory(const std::string& configFile)
+{
+    const fs::path directory = fs::path(configFile).parent_path();
+    return directory.empty() || fs::exists(directory) || fs::create_directory(directory);
+}
+
+std::string apache_config_temporary(const std::string& configFile)
+{
+    return configFile + ".new";
+}
+
+namespace {
+
 constexpr char kHeader[] =
     "# ATTENTION!\n"
     "# DO NOT MODIFY THIS FILE OR ANY PART OF IT. THIS CAN RESULT IN IMPROPER TARVIK\n"
@@ -49,20 +103,6 @@ constexpr char kCgiAll[] = "<IfModule mod_cgi.c>\n"
                            "  </Files>\n"
                            "</IfModule>\n";
 
-/**
- * Everything that comes from outside passes here on its way into the file. Pieces of a line meet at
- * a blank, a "." or a "/": between two of them no variable begins.
- * @param holder  what has the value, and `place` where, for the message.
- * @return `value`.
- */
-const std::string& plain(const std::string& value, const std::string& holder,
-                         const std::string& place = "")
-{
-    if (const char* const unfit = unfit_for_config(value))
-        throw FSAXMLException(holder + " has a " + unfit + place + ".");
-    return value;
-}
-
 constexpr char kMapping[] = "Invalid package metadata file format: <s:mapping>";
 constexpr char kPhpExtension[] = "Invalid package metadata file format: <php:extension>";
 constexpr char kCgiExtension[] = "Invalid package metadata file format: <cgi:extension>";
@@ -76,7 +116,7 @@ std::string extension_list(const Extensions& extensions, const char* holder,
     std::string text;
     for (const std::string& extension : extensions) {
         if (*except == '\0' || extension != except)
-            text += "." + plain(extension, holder) + " ";
+            text += "." + within_line(extension, holder) + " ";
     }
     return text;
 }
@@ -150,8 +190,8 @@ struct ConfigSource {
 /// Where a mapping lies below the document root and in the site's URLs.
 std::string site_path(const FSAMetaDataWebContent& mapping, const ConfigSource& source)
 {
-    return plain(source.suffix, "--application-subdirectory")
-        + plain(mapping.url, kMapping, " in its url");
+    return within_line(source.suffix, "--application-subdirectory")
+        + within_line(mapping.url, kMapping, " in its url");
 }
 
 /// @return the lines for one mapping; empty when it asks for nothing.
@@ -162,13 +202,13 @@ std::string mapping_text(const FSAMetaDataWebContent& mapping, const ConfigSourc
         // Within the site's URLs, so without the document root.
         const std::string path = site_path(mapping, source);
         return "RedirectPermanent " + (path == "/" ? path : remove_trailing_slashes(path)) + " "
-            + plain(mapping.redirect, kMapping, " in its href") + "\n\n";
+            + within_line(mapping.redirect, kMapping, " in its href") + "\n\n";
     }
     std::string body = (source.php ? php_text(mapping) : std::string())
         + (source.cgi ? cgi_text(mapping) : std::string());
     if (body.empty())
         return body;
-    return "<Directory " + plain(source.wwwRoot, "--www-root") + site_path(mapping, source)
+    return "<Directory " + within_line(source.wwwRoot, "--www-root") + site_path(mapping, source)
         + " >\n\n" + body + "\n</Directory>\n\n";
 }
 
@@ -200,33 +240,20 @@ bool write_config(TmpFile& file, const FSAMetaDataReader& metadata, const Config
     return written;
 }
 
-/// @param directory  empty for the working directory.
-/// @return false when the directory was not there and was not created.
-bool provide_directory(const fs::path& directory)
-{
-    return directory.empty() || fs::exists(directory) || fs::create_directory(directory);
-}
-
 void remove_if_there(const std::string& path)
 {
     if (fs::exists(path))
         fs::remove(path);
 }
 
-std::string temporary_prefix(const std::string& configFile)
-{
-    return configFile + ".new";
-}
-
 int install_config(const std::string& metadataFile, const std::string& configFile,
                    const ConfigSource& source)
 {
-    const fs::path directory = fs::path(configFile).parent_path();
-    if (!provide_directory(directory)) {
-        std::cerr << "Unable to create directory: " << directory;
+    if (!provide_apache_config_directory(configFile)) {
+        std::cerr << "Unable to create directory: " << fs::path(configFile).parent_path();
         return -1;
     }
-    const std::string temporary = temporary_prefix(configFile);
+    const std::string temporary = apache_config_temporary(configFile);
     remove_stray_files(temporary);
     if (!source.php && !source.cgi) {
         remove_if_there(configFile);
@@ -240,28 +267,6 @@ int install_config(const std::string& metadataFile, const std::string& configFil
     if (written)
         fs::rename(file.name(), configFile);
     return 0;
-}
-
-/// By the texts alone: only root can have put links below a host's configuration directory.
-bool lies_below(const fs::path& path, const fs::path& directory)
-{
-    const fs::path way = path.lexically_normal().lexically_relative(directory.lexically_normal());
-    return !way.empty() && way != "." && *way.begin() != "..";
-}
-
-/**
- * @return the file of an application in the configuration of the host that a directory belongs to.
- * @throws filesystem_error when it would be anywhere else.
- */
-std::string config_path(const std::string& vhostPath, const std::string& fileName)
-{
-    const std::string name = fs::path(remove_trailing_slashes(vhostPath)).filename().native();
-    const layout::VirtualHost host(name, oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D));
-    std::string path = host.conf() + "/siteapp.d/" + fileName;
-    if (name == "." || name == ".." || !lies_below(path, host.conf()))
-        throw fs::filesystem_error("configuration file", path,
-                                   make_error_code(boost::system::errc::invalid_argument));
-    return path;
 }
 
 int report_failure(const fs::filesystem_error& e)
@@ -286,14 +291,6 @@ try {
     std::cerr << "XML occured during processing the package file " << metadataFile << ": "
               << e.what() << '\n';
     return -1;
-}
-
-const char* unfit_for_config(const std::string& value)
-{
-    const bool controls = std::any_of(
-        value.begin(), value.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; });
-    const bool variable = value.find("${") != std::string::npos;
-    return controls ? "control character" : variable ? "variable" : nullptr;
 }
 
 int installWebserverConfig(int argc, char** argv)
@@ -322,7 +319,7 @@ int installWebserverConfig(int argc, char** argv)
 
     umask(umask(0) | S_IWGRP | S_IWOTH);  // root's Apache reads whatever lies in the directory
     try {
-        std::string configFile = config_path(vhostPath, fileName);
+        std::string configFile = apache_config_path(vhostPath, fileName);
         return veska_install_apache_conf(metadataFile, disablePhp, disableCgi, configFile,
                                          appSubdir, wwwRoot);
     } catch (const fs::filesystem_error& e) {
@@ -344,8 +341,8 @@ int removeWebserverConfig(int argc, char** argv)
     add("www-root", options::required(wwwRoot), "path to domain www-root");
     options::parse(argc, argv, description);
 
-    const std::string configFile = config_path(vhostPath, fileName);
-    remove_stray_files(temporary_prefix(configFile));
+    const std::string configFile = apache_config_path(vhostPath, fileName);
+    remove_stray_files(apache_config_temporary(configFile));
     fs::remove(configFile);
     return 0;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/VirtualHost.h"
+
 #include <string>
 
 namespace tarvik {
@@ -33,5 +35,30 @@ int veska_install_apache_conf(const std::string& metadataFile, int disablePhp, i
  * @return what keeps a value out of the Apache file; null when nothing does.
  */
 const char* unfit_for_config(const std::string& value);
+
+/**
+ * What comes from outside passes here on its way into a file that root's server obeys. Pieces of a
+ * line meet at a blank, a "." or a "/": between two of them no variable begins.
+ * @param holder  what has the value, and `place` where, for the message.
+ * @return `value`. @throws FSAXMLException when it is unfit.
+ */
+const std::string& within_line(const std::string& value, const std::string& holder,
+                               const std::string& place = "");
+
+/// @return the host that a directory belongs to.
+layout::VirtualHost virtual_host(const std::string& vhostPath);
+
+/**
+ * @return the file of an application in the configuration of the host that a directory belongs to.
+ * @throws filesystem_error when it would be anywhere else.
+ */
+std::string apache_config_path(const std::string& vhostPath, const std::string& fileName);
+
+/// Makes the directory of such a file unless it is there, one level.
+/// @return false when it was not there and was not created.
+bool provide_apache_config_directory(const std::string& configFile);
+
+/// @return how the name of a temporary file for it begins.
+std::string apache_config_temporary(const std::string& configFile);
 
 }  // namespace tarvik
