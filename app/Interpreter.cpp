@@ -51,6 +51,16 @@ std::optional<Interpreter> first_usable(const Strings& candidates, const char* n
 
 }  // namespace
 
+std::list<std::string> interpreter_candidates(const std::string& language,
+                                              const std::string& php_cli)
+{
+    if (language == kPhp || language == kProductEngine)
+        return php_candidates(language, php_cli);
+    if (language == kPerl)
+        return {std::begin(kPerlCandidates), std::end(kPerlCandidates)};
+    return {};
+}
+
 std::optional<Interpreter> choose_interpreter(const std::string& language,
                                               const std::string& php_cli)
 {
@@ -58,12 +68,12 @@ std::optional<Interpreter> choose_interpreter(const std::string& language,
         std::cerr << "Config script language '" << language << "' is not supported!\n";
         return std::nullopt;
     }
-    if (language == kPerl)
-        return first_usable({std::begin(kPerlCandidates), std::end(kPerlCandidates)}, "perl", {});
     if (language == kBinaryLanguage)
         return Interpreter {};
-    return first_usable(php_candidates(language, php_cli), "php",
-                        {std::begin(kPhpOptions), std::end(kPhpOptions)});
+    const Strings candidates = interpreter_candidates(language, php_cli);
+    if (language == kPerl)
+        return first_usable(candidates, "perl", {});
+    return first_usable(candidates, "php", {std::begin(kPhpOptions), std::end(kPhpOptions)});
 }
 
 bool is_script_language(const std::string& language)

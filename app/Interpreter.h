@@ -12,6 +12,11 @@ struct Interpreter {
     std::list<std::string> options;
 };
 
+/// @return where the interpreter of a language is looked for, in this order; nowhere for a language
+///         without one. @param php_cli  a PHP to try before the configured one; may be empty.
+std::list<std::string> interpreter_candidates(const std::string& language,
+                                              const std::string& php_cli);
+
 /**
  * @param language  of the script, upper and lower case being different.
  * @param php_cli   a PHP to try before the configured one; may be empty.
