@@ -19,7 +19,6 @@ namespace {
 constexpr int kLogError = 3;
 constexpr int kLogDetail = 12;  // the user facility's warning: above the usual threshold, so silent
 
-constexpr char kConfigurationFile[] = "/etc/oxa/oxa.conf";
 constexpr uint64_t kFirstSlots = 20;
 
 // Spelled out, as the classes of <cctype> change with the locale.
@@ -82,6 +81,7 @@ constexpr oxa_conf_strings column(Column member)
 
 }  // namespace
 
+const char* const theOxaConfFile = "/etc/oxa/oxa.conf";
 conf_table* theOxaConfHash = nullptr;
 oxa_conf_strings theOxaConfArray = {};
 int arrayInitialized = 0;
@@ -163,32 +163,14 @@ char* value_end(char* value)
     return marker != nullptr ? marker : at;
 }
 
-/// A name and its value inside the line they were cut out of; both NULL if it defines nothing.
-struct Definition {
-    const char* name;
-    const char* value;
-};
-
-/// A NUL byte ends the line early, and what follows it is not looked at: no value could hold it.
-Definition parse_line(char* line)
+void log_malformed(conf_line_kind kind, const char* line)
 {
-    char* const name = line + std::strspn(line, kWhite);
-    if (*name == '\0' || *name == '#')
-        return {};
-    char* const separator = name + std::strspn(name, kNameCharacters);
-    if (!is_white(*separator)) {
-        tarvik_log(kLogDetail,
-                   "Invalid variable definition %s\nExpected a space after variable name\n", name);
-        return {};
-    }
-    char* const value = separator + std::strspn(separator, kWhite);
-    if (*value == '\0' || *value == '#') {
-        tarvik_log(kLogDetail, "Invalid variable definition %s\nExpected a value", name);
-        return {};
-    }
-    *value_end(value) = '\0';
-    *separator = '\0';
-    return {name, value};
+    constexpr char kProblem[] = "Invalid variable definition %s\n%s";
+    const char* const definition = line + std::strspn(line, kWhite);
+    if (kind == CONF_LINE_NO_SEPARATOR)
+        tarvik_log(kLogDetail, kProblem, definition, "Expected a space after variable name\n");
+    if (kind == CONF_LINE_NO_VALUE)
+        tarvik_log(kLogDetail, kProblem, definition, "Expected a value");
 }
 
 /// @return 0, or the error number once everything is closed and freed.
@@ -203,8 +185,10 @@ int read_file(const char* path, conf_table* table)
     }
     LineBuffer line;
     while (getline(&line.text, &line.size, file.get()) >= 0) {
-        const Definition definition = parse_line(line.text);
-        if (definition.name != nullptr && conf_set_r(definition.name, definition.value, table) != 0)
+        const conf_line parsed = conf_parse_line(line.text);
+        if (parsed.kind != CONF_LINE_DEFINITION)
+            log_malformed(parsed.kind, line.text);
+        else if (conf_set_r(parsed.name, parsed.value, table) != 0)
             return errno;
     }
     const int error = errno;
@@ -244,7 +228,7 @@ const char* oxaConfGetDefault(const char* name)
             return oxaConfGetDefaultByIndex(index);
     }
     tarvik_log(kLogError, "variable '%s' was found neither in %s, nor in compile-time defaults",
-               name, kConfigurationFile);
+               name, theOxaConfFile);
     return nullptr;
 }
 
@@ -259,10 +243,27 @@ int autoprepend()
                    "Not enough memory to allocate Tarvik runtime configuration structure");
         return -1;
     }
-    if (conf_read_file_r(kConfigurationFile, table.get()) != 0)
+    if (conf_read_file_r(theOxaConfFile, table.get()) != 0)
         return -1;
     theOxaConfHash = table.release();
     return 0;
+}
+
+/// A NUL byte ends the line early, and what follows it is not looked at: no value could hold it.
+conf_line conf_parse_line(char* line)
+{
+    char* const name = line + std::strspn(line, kWhite);
+    if (*name == '\0' || *name == '#')
+        return {CONF_LINE_EMPTY, nullptr, nullptr};
+    char* const separator = name + std::strspn(name, kNameCharacters);
+    if (!is_white(*separator))
+        return {CONF_LINE_NO_SEPARATOR, nullptr, nullptr};
+    char* const value = separator + std::strspn(separator, kWhite);
+    if (*value == '\0' || *value == '#')
+        return {CONF_LINE_NO_VALUE, nullptr, nullptr};
+    *value_end(value) = '\0';
+    *separator = '\0';
+    return {CONF_LINE_DEFINITION, name, value};
 }
 
 int conf_read_file_r(const char* path, conf_table* table)

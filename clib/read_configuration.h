@@ -23,6 +23,21 @@ enum oxa_conf_index {
 
 using oxa_conf_strings = std::array<const char*, OXA_CONF_KEYS>;  ///< laid out like a plain array
 
+/// What a line of the file is.
+enum conf_line_kind {
+    CONF_LINE_EMPTY,         ///< or a comment
+    CONF_LINE_NO_SEPARATOR,  ///< malformed: no white space after the name, if there is a name
+    CONF_LINE_NO_VALUE,      ///< malformed: a name alone
+    CONF_LINE_DEFINITION
+};
+
+/// A line cut into its parts, which point into it; NULL unless it is a definition.
+struct conf_line {
+    conf_line_kind kind;
+    const char* name;
+    const char* value;
+};
+
 struct conf_entry {
     char* name;  ///< both from malloc, owned by the table
     char* value;
@@ -36,6 +51,7 @@ struct conf_table {
     int32_t sorted;  ///< 1 when the entries ascend by the bytes of their names
 };
 
+extern const char* const theOxaConfFile;  ///< its path
 extern conf_table* theOxaConfHash;        ///< the parsed file; NULL until a read succeeded
 extern oxa_conf_strings theOxaConfArray;  ///< values found in the file so far, never defaults
 extern int arrayInitialized;              ///< 1 once theOxaConfArray has been cleared
@@ -71,12 +87,18 @@ const char* oxaConfGetDefault(const char* name);
 int autoprepend();
 
 /**
- * Adds what a file defines to a table and sorts it. In each line a name of ASCII letters, digits
- * and underscores is separated from its value by white space; "#" starts a comment anywhere, and
- * nothing is quoted or expanded. Lines that are malformed are logged and skipped.
+ * Reads one line: a name of ASCII letters, digits and underscores is separated from its value by
+ * white space; "#" starts a comment anywhere, and nothing is quoted or expanded.
  *
  * White space at the end of a value, the newline counted, is cut at its last character when it is
  * an odd number of characters, and kept when it is an even one.
+ * @param line  with its newline; a definition is cut up in place, another line stays as it is.
+ */
+conf_line conf_parse_line(char* line);
+
+/**
+ * Adds what a file defines to a table, line by line as `conf_parse_line` has it, and sorts it.
+ * Lines that are malformed are logged and skipped.
  * @return 0; -1 with `errno` when the file cannot be opened or read to its end or memory ran out
  *         (logged). The table then keeps what had been read by that time.
  */
