@@ -1,12 +1,6 @@
 // What the generated files do in a real Apache. Each sentence of docs/apache.md is seen here.
 
-#include "tests/support/Sandbox.h"
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <utility>
+#include "tests/support/Apache.h"
 
 using namespace sandbox;
 
@@ -15,65 +9,29 @@ namespace {
 constexpr char kInstall[] =
     ZENDREL_PROGRAM " --install-apache-conf --vhost-path=vhost --www-root=$PWD/vhost/httpdocs"
                     " --application-subdirectory=. --metadata-file=package/APP-META.xml --config-file-name=app.conf";
-class Apache : public testing::Test {
-protected:
-    /// Writes a server configuration that includes the generated files. Modules are taken as -D asks for them.
-    Apache()
-    {
-        site_.shell(
-            "mkdir -p system/vhost/conf server; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf; cat >httpd.conf <<END\n"
-            "$(for name in mpm_prefork authz_core mime dir alias cgi cgid; do echo \"<IfDefine $name>\n\"\n"
-            "echo \"LoadModule ${name}_module /usr/lib/apache2/modules/mod_$name.so\n</IfDefine>\"; done)\n"
-            "ServerRoot $PWD/server\nDefaultRuntimeDir $PWD/server\nPidFile pid\nErrorLog log\nServerName localhost\n"
-            "User www-data\nGroup www-data\nTypesConfig /dev/null\nDocumentRoot $PWD/vhost/httpdocs\n"
-            "Include /etc/apache2/mods-available/php*.load\n<IfDefine handler>\n<FilesMatch \"\\.php\\$\">\n"
-            "SetHandler application/x-httpd-php\n</FilesMatch>\n</IfDefine>\n<IfDefine safe>\n<Directory "
-            "$PWD/vhost/httpdocs/data>\n"
-            "php_admin_flag engine off\n</Directory>\n</IfDefine>\n<IfDefine plain>\n"
-            "Include $PWD/system/vhost/conf/siteapp.d/*.conf\n</IfDefine>\n"
-            "IncludeOptional $PWD/system/vhost/conf/siteapp.d/*.conf\nEND");
-    }
-    ~Apache() override
-    {
-        stop();
-        site_.shell("rm /etc/oxa/oxa.conf");
-    }
 
-    std::string command(const std::string& options) const
-    {
-        const std::string always = "/httpd.conf -Dmpm_prefork -Dauthz_core -Dmime -Ddir -c 'Listen " + address_ + "' ";
-        return "exec apache2 -f " + site_.path() + always + options;
-    }
-    int check(const std::string& options) const { return run({"sh", "-c", command("-t " + options)}).status; }
-    void restart(const std::string& options)
-    {
-        stop();
-        server_ = fork();
-        if (server_ == 0 && setpgid(0, 0) == 0)  // it ends its whole group
-            _exit(execl("/bin/sh", "sh", "-c", command("-DFOREGROUND " + options).c_str(), nullptr));
-        while (get("/").compare(0, 3, "000") == 0)  // it does not listen yet
-            ASSERT_EQ(waitpid(server_, nullptr, WNOHANG), 0) << read(site_.path("server/log"));
-    }
-    void stop()
-    {
-        if (server_ > 0 && kill(server_, SIGTERM) == 0)
-            waitpid(std::exchange(server_, 0), nullptr, 0);
-    }
-    /// @return status, redirection target and body.
+class ApacheConfig : public testing::Test {
+protected:
+    ApacheConfig() { site_.shell("mkdir -p system/vhost/conf; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf"); }
+    ~ApacheConfig() override { site_.shell("rm /etc/oxa/oxa.conf"); }
+
+    int check(const std::string& options) const { return apache_.check(options); }
+    void restart(const std::string& options) { apache_.restart(options); }
     std::string get(const std::string& path, const std::string& data = "--get") const
     {
-        const std::string form = "%{stderr}%{http_code} %{redirect_url}\n";
-        const Result result = run({"curl", "-sw", form, "http://" + address_ + path, data});
-        return result.err + result.out;
+        return apache_.get(path, data);
     }
 
     const Site site_;
-    pid_t server_ = 0;
-    /// Of the loopback interface, and this process's own: the last 24 bits may be written as one number.
-    const std::string address_ = "127." + std::to_string(getpid()) + ":18080";
+    Apache apache_ {
+        site_,
+        "<IfDefine handler>\n<FilesMatch \"\\.php\\$\">\nSetHandler application/x-httpd-php\n</FilesMatch>\n"
+        "</IfDefine>\n<IfDefine safe>\n<Directory $PWD/vhost/httpdocs/data>\nphp_admin_flag engine off\n"
+        "</Directory>\n</IfDefine>\n<IfDefine plain>\nInclude $PWD/system/vhost/conf/siteapp.d/*.conf\n"
+        "</IfDefine>\nIncludeOptional $PWD/system/vhost/conf/siteapp.d/*.conf"};
 };
 
-TEST_F(Apache, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
+TEST_F(ApacheConfig, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
 {
     // What becomes of a request: with no module for CGI, with the daemon's, with CGI and the server's own handler
     // for PHP, with CGI alone, with that handler switched off where visitors write.
