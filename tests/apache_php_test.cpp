@@ -1,0 +1,329 @@
+// What the directives for PHP 8 do in a real Apache. Each sentence of docs/apache.md on them is seen here.
+
+#include "tests/support/Apache.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <sstream>
+
+using namespace sandbox;
+
+namespace {
+
+constexpr char kPhp[] = "<php:handler><php:extension>php</php:extension></php:handler>";
+constexpr char kOff[] = "<php:handler><php:disabled/></php:handler>";
+constexpr char kWritable[] = "<php:permissions writable='true'/>";
+
+std::string mapping(const std::string& url, const std::string& content)
+{
+    return "<mapping url='" + url + "'>" + content + "</mapping>";
+}
+
+/// What hosts say themselves about PHP, as -D asks for it.
+constexpr char kHost[] =
+    "<Directory $PWD/vhost/httpdocs>\nAllowOverride All\n</Directory>\n"
+    "<IfDefine files>\n<FilesMatch \"\\.php\\$\">\nSetHandler application/x-httpd-php\n</FilesMatch>\n</IfDefine>\n"
+    "<IfDefine condition>\n<FilesMatch \".+\\.ph(?:ar|p|tml)\\$\">\n<If \"-f %{REQUEST_FILENAME}\">\n"
+    "SetHandler application/x-httpd-php\n</If>\n</FilesMatch>\n</IfDefine>\n"
+    "<IfDefine extension>\nAddHandler application/x-httpd-php .php\n</IfDefine>\n"
+    "<IfDefine location>\n<Location />\nRequire all granted\nSetHandler "
+    "application/x-httpd-php\n</Location>\n</IfDefine>\n"
+    "<IfDefine protected>\n<Directory $PWD/vhost/httpdocs/app>\nRequire method POST\n</Directory>\n</IfDefine>\n"
+    "IncludeOptional $PWD/system/vhost/conf/siteapp.d/*.conf";
+
+/// @return a path with every byte but the slashes as it may stand in a URL.
+std::string encoded(const std::string& path)
+{
+    std::ostringstream url;
+    for (const unsigned char byte : path) {
+        if (byte == '/')
+            url << '/';
+        else
+            url << '%' << std::hex << byte / 16 << byte % 16;
+    }
+    return url.str();
+}
+
+class ApachePhp : public testing::Test {
+protected:
+    ApachePhp()
+    {
+        site_.shell("mkdir -p system/vhost/conf; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf\n"
+                    "echo 'exec apache2 -f '$PWD'/httpd.conf -t -Dmpm_prefork -Dauthz_core -Dmime -Ddir' >configtest");
+    }
+    ~ApachePhp() override { site_.shell("rm /etc/oxa/oxa.conf"); }
+
+    Words command(const Words& changes = {}) const
+    {
+        return site_.ctl({"apache", site_.package(), "--php=mod"}, changes);
+    }
+    /// The command that leaves a tested file.
+    Words install(const Words& changes = {}) const
+    {
+        const Words more = {"--config-file-name=php.conf", "--configtest=sh " + site_.path("configtest")};
+        Words words = command(more);
+        return changed(words, changes);
+    }
+    void metadata(const std::string& mappings) const
+    {
+        site_.metadata(mappings);
+        ASSERT_EQ(zendrelctl(install()).status, 0);
+    }
+    std::string file(const std::string& name = "php.conf") const
+    {
+        return site_.path("system/vhost/conf/siteapp.d/" + name);
+    }
+    void put_program(const std::string& path) const { site_.put(path, "<?php echo 'ran', \"\\n\";"); }
+    /// @return whether it ran or was sent; else the status.
+    std::string outcome(const std::string& url) const
+    {
+        const std::string answer = apache_.get(url);
+        return answer == "200 \nran\n"                       ? "ran "
+            : answer.find("<?php echo") != std::string::npos ? "sent "
+                                                             : answer.substr(0, 4);
+    }
+
+    const Site site_;
+    Apache apache_ {site_, kHost};
+};
+
+TEST_F(ApachePhp, RunsWhereAMappingSaysSoAndNowhereElse)
+{
+    // With no word of the host, with its handler for files, one within a condition, one by extension, one for the
+    // location together with a permission, and where the host allows only requests of another kind.
+    const Tree expected = {
+        {"app/a.php", "ran ran ran ran ran 403 "},
+        {"app/a.php/info", "ran ran ran ran ran 403 "},
+        {"app/a.inc", "ran ran ran ran ran 403 "},
+        {"app/none.php", "404 404 404 404 404 403 "},
+        {"app/below/a.php", "ran ran ran ran ran 403 "},
+        {"app/data/a.php", "403 403 403 403 403 403 "},
+        {"app/data/a.php/info", "403 403 403 403 403 403 "},
+        {"app/data/a.inc", "403 403 403 403 403 403 "},
+        {"app/data/a.PHP", "403 403 403 403 403 403 "},
+        {"app/data/a.php.jpg", "403 403 403 403 403 403 "},
+        {"app/data/a.phtml", "403 403 403 403 403 403 "},
+        {"app/data/a.phar", "403 403 403 403 403 403 "},
+        {"app/data/a.php8", "403 403 403 403 403 403 "},
+        {"app/data/a.jpg", "sent sent sent sent sent 403 "},  // the permission's handler meets an engine that is off
+        {"app/data/mine/a.php", "403 403 403 403 403 403 "},  // with settings that the web server has written
+        {"app/data/mine/a.jpg", "sent sent sent sent sent 403 "},
+        {"app/data/kept/a.php", "403 403 403 403 403 403 "},  // not writable, but without a word of its own
+        {"app/data/on/a.php", "ran ran ran ran ran 403 "},
+        {"app/data/on/a.phtml", "403 403 403 403 403 403 "},  // outside, it is denied
+        {"app/data/on/below/a.php", "ran ran ran ran ran 403 "},
+        {"app/data/on/off/a.php", "403 403 403 403 403 403 "},
+        {"app/data/one.php", "ran ran ran ran ran 403 "},
+        {"app/data/two.php", "403 403 403 403 403 403 "},
+        {"app/off/a.php", "403 403 403 403 403 403 "},
+        {"app/off/a.txt", "sent sent sent sent sent 403 "},
+        {"app/lib/conf.php", "403 403 403 403 403 403 "},  // a file that the web server may write to
+        {"app/lib/conf.php5", "sent sent sent sent ran 403 "},
+        {"app/lib/a.php", "ran ran ran ran ran 403 "},
+        {".app.previous/a.txt", "403 403 403 403 403 403 "},
+        {".app.previous-2/a.php", "403 403 403 403 403 403 "},
+        {".app.next/data/a.php", "403 403 403 403 403 403 "},
+        {"app2/a.php", "sent ran ran ran ran sent "},
+    };
+    const std::string mine = "Require all granted\nSetHandler application/x-httpd-php\n";
+    for (const auto& [path, outcomes] : expected) {
+        if (path.find("info") == std::string::npos && path.find("none") == std::string::npos)
+            put_program(path);
+    }
+    site_.put("app/data/mine/.htaccess", mine);
+    site_.put(".app.next/data/.htaccess", "<If \"true\">\n" + mine + "</If>\n");
+    site_.write("package/one.php", "");
+    metadata(mapping("/",
+                     std::string("<php:handler><php:extension>php</php:extension><php:extension>inc</php:extension>"
+                                 "</php:handler>")
+                         + mapping("data",
+                                   kWritable + std::string(kPhp) + mapping("kept", "")
+                                       + "<mapping url='one.php' path='one.php'>" + kPhp + "</mapping>"
+                                       + mapping("on", kPhp + mapping("off", std::string(kPhp) + kOff)))
+                         + mapping("off", kOff) + "<mapping url='lib/conf.php' path='one.php'>" + kWritable
+                         + "</mapping>" + "<mapping url='go' virtual='redirect' href='/a b'/>"));
+    Tree seen;
+    for (const char* host : {"", "-Dfiles", "-Dcondition", "-Dextension", "-Dlocation", "-Dprotected"}) {
+        apache_.restart(host);
+        for (const auto& [path, outcomes] : expected)
+            seen[path] += outcome("/" + path);
+    }
+    EXPECT_EQ(seen, expected);
+    // Without the module, programs are not sent.
+    apache_.restart("-Dnophp");
+    EXPECT_EQ(outcome("/app/a.php") + outcome("/app/a.inc") + outcome("/app/data/on/a.php"), "403 403 403 ");
+
+    ASSERT_EQ(zendrelctl(install({"--run-in-writable"})).status, 0);
+    apache_.restart("-Dfiles");
+    EXPECT_EQ(outcome("/app/data/a.php") + outcome("/app/data/a.inc") + outcome("/app/data/mine/a.jpg")
+                  + outcome("/app/off/a.php") + outcome("/app/data/on/off/a.php") + outcome("/app/lib/conf.php"),
+              "ran ran ran 403 403 ran ");
+}
+
+TEST_F(ApachePhp, GivesPagesToProcessesOfTheirOwn)
+{
+    const std::string socket = site_.path("php.sock");
+    for (const char* path : {"app/a.php", "app/a.inc", "app/data/a.php", "app/data/on/a.php", "app/off/a.php"})
+        put_program(path);
+    site_.metadata(mapping("/",
+                           std::string(kPhp) + "<php:handler><php:extension>inc</php:extension></php:handler>"
+                               + mapping("data", kWritable + mapping("on", kPhp)) + mapping("off", kOff)));
+    ASSERT_EQ(zendrelctl(install({"--php=fpm:" + socket})).status, 0);
+    const auto outcomes = [this] {
+        return outcome("/app/a.php") + outcome("/app/a.inc") + outcome("/app/none.php") + outcome("/app/data/a.php")
+            + outcome("/app/data/on/a.php") + outcome("/app/off/a.php");
+    };
+    apache_.restart("-Dfiles");
+    EXPECT_EQ(outcomes(), "403 403 403 403 403 403 ");  // without the module
+    apache_.restart("-Dproxy -Dproxy_fcgi -Dcondition");
+    EXPECT_EQ(outcomes(), "503 503 404 403 503 403 ");  // with nobody at the socket
+
+    site_.shell("cat >fpm.conf <<END\n[global]\nerror_log = $PWD/fpm.log\n[www]\nuser = www-data\ngroup = www-data\n"
+                "listen = $PWD/php.sock\nlisten.owner = www-data\npm = static\npm.max_children = 1\nEND");
+    const pid_t fpm = fork();
+    if (fpm == 0)
+        _exit(
+            execl("/bin/sh", "sh", "-c", ("exec /usr/sbin/php-fpm* -F -y " + site_.path("fpm.conf")).c_str(), nullptr));
+    while (outcome("/app/a.php") == "503 ")  // it does not listen yet
+        ASSERT_EQ(waitpid(fpm, nullptr, WNOHANG), 0) << read(site_.path("fpm.log"));
+    // As it is delivered, it runs no extension but its own.
+    EXPECT_EQ(outcomes(), "ran 403 404 403 ran 403 ");
+    kill(fpm, SIGTERM);
+    waitpid(fpm, nullptr, 0);
+}
+
+TEST_F(ApachePhp, NoPackageStopsTheServerOrSpeaksForOthers)
+{
+    // Each is a directory, an extension and part of a condition.
+    const std::string odd[] = {"a b", "\\*b", "q\"", "q'\"", "b\\",   "\\\\", "*",        "?x",  "[a-z]",      "[",
+                               "]",   "a]b[", ">",   "#",    "</If>", "%{x}", "$1",       "$",   "^",          "(",
+                               ")",   "|",    "a+",  "-",    "!",     "~",    "\xC3\xA9", "{3}", "x>#\"|/$(\\"};
+    std::string mappings;
+    for (std::string name : odd) {
+        for (const auto& [character, entity] : Tree {{"<", "&#60;"}, {">", "&#62;"}, {"\"", "&#34;"}, {"'", "&#39;"}}) {
+            for (std::size_t at = 0; (at = name.find(character, at)) != std::string::npos; at += entity.size())
+                name.replace(at, 1, entity);
+        }
+        const std::string on = "<php:handler><php:extension>" + name + "</php:extension></php:handler>";
+        mappings += mapping(name, kOff + mapping("in", on));
+    }
+    for (int i = 0; i < 1000; ++i)
+        mappings += "<php:handler><php:extension>" + std::string(200, '*') + std::to_string(i)
+            + "</php:extension></php:handler>";
+    for (const std::string& name : odd) {
+        for (const std::string& path : {name, "x" + name, name + "/in"})
+            put_program("app/" + path + "/a.php");
+        put_program("app/" + name + "/in/a." + name);
+    }
+    for (const char* plain : {"app/b/a.php", "app/yx/a.php"})
+        put_program(plain);
+    metadata(mapping("/", mappings));
+    apache_.restart("-Dfiles");
+    EXPECT_EQ(outcome("/app/b/a.php") + outcome("/app/yx/a.php"), "ran ran ");
+    for (const std::string& name : odd) {
+        const std::string url = "/app/" + encoded(name);
+        const bool can_end_a_name = name.find('/') == std::string::npos;
+        EXPECT_EQ(outcome(url + "/a.php") + outcome("/app/x" + encoded(name) + "/a.php") + outcome(url + "/in/a.php")
+                      + (can_end_a_name ? outcome(url + "/in/a." + encoded(name)) : "ran "),
+                  "403 ran 403 ran ")
+            << name;
+    }
+}
+
+TEST_F(ApachePhp, RefusesWhatCannotBeSaidSafely)
+{
+    const std::string before = (metadata(mapping("/", kOff)), read(file()));
+    std::string many;
+    for (int i = 0; i < 100; ++i)
+        many += mapping("in" + std::string(100, 'x') + std::to_string(i), kPhp);
+    const struct {
+        const char* why;
+        std::string mappings;
+        Words changes;
+        std::string message;
+    } cases[] = {
+        {"a line of its own", mapping("a&#10;b", ""), {}, "<s:mapping> has a control character in its url."},
+        {"root's environment", mapping("${a}", ""), {}, "<s:mapping> has a variable in its url."},
+        {"the same",
+         "<php:handler><php:extension>${a}</php:extension></php:handler>",
+         {},
+         "<php:extension> has a variable."},
+        {"another application", mapping("../b", ""), {}, ""},
+        {"a document root of more lines", "", {"--www-root=/a\nb"}, "--www-root has a control character."},
+        {"a condition that the server does not take",
+         kOff + many,
+         {},
+         "too many mappings with PHP are nested in one without: " + site_.docroot("app")},
+        {"a path that no section takes",
+         mapping(std::string(4096, 'x'), kOff),
+         {},
+         "a mapping's directory has too long a path: "},
+        {"no way to run PHP", "", {"--php=cgi"}, "--php is neither mod nor fpm:SOCKET: cgi"},
+        {"a socket with a mark of the server's",
+         "",
+         {"--php=fpm:/a|b"},
+         "--php names no absolute path without \", \\\\, | and %: /a|b"},
+        {"a place outside", "", {"--config-file-name=../../../x"}, ""},
+    };
+    for (const auto& each : cases) {
+        site_.metadata("<mapping url='/'>" + each.mappings + "</mapping>");
+        const Result result = zendrelctl(install(each.changes));
+        EXPECT_EQ(result.status, 1) << each.why;
+        EXPECT_EQ(result.err.find("zendrelctl: " + each.message), 0u) << each.why << result;
+        EXPECT_EQ(read(file()), before) << each.why;
+    }
+}
+
+TEST_F(ApachePhp, KeepsAFileOnlyIfItPassesTheTest)
+{
+    const std::string conf = site_.path("system/vhost/conf/siteapp.d");
+    const std::string test = site_.path("configtest");
+    const auto outcome_of = [&](const std::string& commands, const Words& changes = {}) {
+        site_.write("configtest", commands + "\n");
+        const Result result = zendrelctl(install(changes));
+        return std::to_string(result.status) + "|" + result.err;
+    };
+    const std::string refused = "zendrelctl: " + site_.path("system/vhost/conf//siteapp.d/php.conf")
+        + " did not pass the test and was not kept\n";
+    site_.metadata(mapping("/", kOff));
+    EXPECT_EQ(outcome_of("echo out; echo 'err\033' >&2; exit 3"), "1|out\nerr\\x1b\n" + refused);
+    EXPECT_EQ(site_.listing("system/vhost/conf"), "\nd 755 root:root: siteapp.d\n");
+
+    const Result text = zendrelctl(command());
+    const Result written = zendrelctl(command({"--output=" + site_.path("text")}));
+    EXPECT_EQ(written, says(0, ""));
+    EXPECT_EQ(read(site_.path("text")), text.out);
+    EXPECT_EQ(outcome_of("test -s " + file()), "0|");
+    const std::string kept = "\n- 600 root:root: siteapp.d/php.conf=" + text.out + "\nd 755 root:root: siteapp.d\n";
+    EXPECT_EQ(site_.listing("system/vhost/conf"), kept);
+
+    // The new file is in its place during the test; whatever ends it, the old one comes back.
+    site_.metadata(mapping("/", kPhp));
+    EXPECT_EQ(outcome_of("grep -o 'engine on' " + file() + "; exit 1"), "1|engine on\n" + refused);
+    EXPECT_EQ(site_.listing("system/vhost/conf"), kept);
+    EXPECT_EQ(outcome_of("", {"--configtest=/none"}), "1|/none cannot be run\n" + refused);
+    EXPECT_EQ(outcome_of("kill -TERM $PPID; kill -KILL $$").substr(0, 4), "143|");
+    EXPECT_EQ(site_.listing("system/vhost/conf"), kept);
+    // Killed, it leaves whole files, and the next run tidies up.
+    EXPECT_EQ(outcome_of("kill -KILL $PPID"), "137|");
+    EXPECT_NE(read(file()).find("engine on"), std::string::npos);
+    EXPECT_EQ(outcome_of(""), "0|");
+    EXPECT_EQ(site_.tree("system/vhost/conf").size(), 2u);
+
+    // Without a command, it is the server's own.
+    site_.write("bin/apache2ctl", "#!/bin/sh\necho \"$@\"\nexit 1\n", 0755);
+    Words words = command({"--config-file-name=php.conf"});
+    words.insert(words.begin(), {"env", "PATH=" + site_.path("bin") + ":/usr/bin:/bin", ZENDREL_CONTROL_PROGRAM});
+    EXPECT_EQ(run(words), says(1, "configtest\n" + refused));
+
+    // Files of others stay.
+    site_.write("system/vhost/conf/siteapp.d/app.conf", "# ATTENTION!\n");
+    EXPECT_EQ(outcome_of("", {"--config-file-name=app.conf"}).substr(0, 2), "1|");
+    EXPECT_EQ(read(file("app.conf")), "# ATTENTION!\n");
+    site_.shell("ln -s none link");
+    EXPECT_EQ(zendrelctl(command({"--output=" + site_.path("link")})).status, 1);
+}
+
+}  // namespace
