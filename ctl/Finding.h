@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tarvik::ctl {
+
+/// Something that this host lacks, or has in a wrong way, and the command that cures it.
+struct Finding {
+    std::string what;
+    std::string cure;
+};
+using Findings = std::vector<Finding>;
+
+void append(Findings& findings, const Findings& more);
+
+/// @return a text as one word for a shell.
+std::string shell_word(const std::string& text);
+
+}  // namespace tarvik::ctl
