@@ -120,11 +120,11 @@ std::string threaded_server(const ServerConfig& config)
     return "";
 }
 
-Findings look_at_programs(const ServerConfig& config)
+HostFindings look_at_programs(const ServerConfig& config)
 {
     const auto has = [&config](const char* module) { return config.modules.count(module) != 0; };
     const std::string threaded = threaded_server(config);
-    Findings findings;
+    HostFindings findings;
     if (!has("cgi_module"))
         findings.push_back({std::string(has("cgid_module") ? "mod_cgid in place of" : "no")
                                 + " mod_cgi: CGI programs are sent out as source",
@@ -141,9 +141,9 @@ Findings look_at_programs(const ServerConfig& config)
     return findings;
 }
 
-Findings look_at_modules(const ServerConfig& config)
+HostFindings look_at_modules(const ServerConfig& config)
 {
-    Findings findings;
+    HostFindings findings;
     for (const Module& module : kModules) {
         if (config.modules.count(std::string(module.name) + "_module") == 0)
             findings.push_back({std::string("no mod_") + module.name + ": " + module.without,
@@ -162,9 +162,9 @@ bool takes_in(const Inclusion& inclusion, const std::string& vhostPath)
     return ::fnmatch(pattern.c_str(), file.c_str(), FNM_PATHNAME | FNM_LEADING_DIR) == 0;
 }
 
-Findings look_at_inclusions(const ServerConfig& config, const std::string& vhostPath)
+HostFindings look_at_inclusions(const ServerConfig& config, const std::string& vhostPath)
 {
-    Findings findings;
+    HostFindings findings;
     bool any = false;
     for (const Inclusion& inclusion : config.inclusions) {
         if (!takes_in(inclusion, vhostPath))
@@ -190,7 +190,7 @@ Findings look_at_inclusions(const ServerConfig& config, const std::string& vhost
 
 }  // namespace
 
-Findings look_at_apache(const std::string& vhostPath)
+HostFindings look_at_apache(const std::string& vhostPath)
 {
     const std::string root = oxaConfGetDefault("HTTPD_CONF_D");
     const std::string path = root + "/apache2.conf";
@@ -198,7 +198,7 @@ Findings look_at_apache(const std::string& vhostPath)
         return {{"no configuration of Apache: " + path, "apt-get install apache2"}};
     Reader reader(root);
     reader.read(path, 0);
-    Findings findings = look_at_modules(reader.config);
+    HostFindings findings = look_at_modules(reader.config);
     append(findings, look_at_programs(reader.config));
     append(findings, look_at_inclusions(reader.config, vhostPath));
     return findings;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ctl/Finding.h"
+#include "ctl/HostFinding.h"
 
 #include <string>
 
@@ -11,6 +11,6 @@ namespace tarvik::ctl {
  * that the generated files need and the line that takes these files in.
  * @param vhostPath  whose configuration is to be included; empty: that of any host.
  */
-Findings look_at_apache(const std::string& vhostPath);
+HostFindings look_at_apache(const std::string& vhostPath);
 
 }  // namespace tarvik::ctl

@@ -25,9 +25,9 @@ std::optional<gid_t> group_id(const char* name)
     return entry == nullptr ? std::nullopt : std::optional<gid_t>(entry->gr_gid);
 }
 
-Findings look_at_groups(const HostQuestion& /*question*/)
+HostFindings look_at_groups(const HostQuestion& /*question*/)
 {
-    Findings findings;
+    HostFindings findings;
     for (const char* const text : {kClientsGroup, kServicesGroup}) {
         const std::string name = text;
         std::string cure = "groupadd --system " + name;
@@ -50,7 +50,7 @@ bool is_member(const passwd& user, gid_t group)
     return std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
-Findings look_at_web_server_user(const HostQuestion& /*question*/)
+HostFindings look_at_web_server_user(const HostQuestion& /*question*/)
 {
     const std::string name = kWebServerUser;
     const passwd* const user = ::getpwnam(kWebServerUser);
@@ -70,7 +70,7 @@ bool is_directory(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-Findings look_at_site_user(const HostQuestion& question)
+HostFindings look_at_site_user(const HostQuestion& question)
 {
     if (question.userName.empty())
         return {};
@@ -82,7 +82,7 @@ Findings look_at_site_user(const HostQuestion& question)
     if (user->pw_uid == 0)
         return {{"user " + question.userName + " is root",
                  "give the site a user of its own: useradd --create-home"}};
-    Findings findings;
+    HostFindings findings;
     const std::string home = user->pw_dir;
     const std::optional<gid_t> clients = group_id(kClientsGroup);
     if (clients && user->pw_gid != *clients)
@@ -97,7 +97,7 @@ Findings look_at_site_user(const HostQuestion& question)
 }
 
 /// What is done in such a directory is done as root.
-Findings look_at_roots_directory(const std::string& path, mode_t forbidden)
+HostFindings look_at_roots_directory(const std::string& path, mode_t forbidden)
 {
     struct stat status;
     if (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
@@ -112,11 +112,11 @@ Findings look_at_roots_directory(const std::string& path, mode_t forbidden)
 
 /// The ways to them are root's as well: whoever may rename one of them can put another in its
 /// place.
-Findings look_at_hosts(const HostQuestion& question)
+HostFindings look_at_hosts(const HostQuestion& question)
 {
     constexpr mode_t kWritable = S_IWGRP | S_IWOTH;
     const std::string root = oxaConfGetDefaultByIndex(OXA_HTTPD_VHOSTS_D);
-    Findings findings = look_at_roots_directory(root, kWritable);
+    HostFindings findings = look_at_roots_directory(root, kWritable);
     if (question.vhostPath.empty())
         return findings;
     const layout::VirtualHost host = virtual_host(question.vhostPath);
@@ -130,12 +130,13 @@ Findings look_at_hosts(const HostQuestion& question)
     return findings;
 }
 
-Findings look_at_records(const HostQuestion& /*question*/)
+HostFindings look_at_records(const HostQuestion& /*question*/)
 {
     constexpr char kState[] = "/var/lib/zendrel";
     constexpr mode_t kAnything = 077;
     struct stat status;
-    return ::lstat(kState, &status) != 0 ? Findings() : look_at_roots_directory(kState, kAnything);
+    return ::lstat(kState, &status) != 0 ? HostFindings()
+                                         : look_at_roots_directory(kState, kAnything);
 }
 
 /// A language that scripts of packages are written in.
@@ -157,9 +158,9 @@ std::string cure_of(const Language& language)
         + program + " >>" + file;
 }
 
-Findings look_at_interpreters(const HostQuestion& /*question*/)
+HostFindings look_at_interpreters(const HostQuestion& /*question*/)
 {
-    Findings findings;
+    HostFindings findings;
     for (const Language& language : kLanguages) {
         const auto candidates = interpreter_candidates(language.name, "");
         if (std::none_of(candidates.begin(), candidates.end(), fsa_is_file_executable))
@@ -170,27 +171,27 @@ Findings look_at_interpreters(const HostQuestion& /*question*/)
     return findings;
 }
 
-Findings look_at_paths(const HostQuestion& /*question*/)
+HostFindings look_at_paths(const HostQuestion& /*question*/)
 {
     return look_at_oxa_conf();
 }
 
-Findings look_at_server(const HostQuestion& question)
+HostFindings look_at_server(const HostQuestion& question)
 {
     return look_at_apache(question.vhostPath);
 }
 
 /// The file of paths comes first, as others go by what it says.
-constexpr Findings (*kChecks[])(const HostQuestion& question) = {
+constexpr HostFindings (*kChecks[])(const HostQuestion& question) = {
     look_at_paths, look_at_groups,  look_at_web_server_user, look_at_site_user,
     look_at_hosts, look_at_records, look_at_interpreters,    look_at_server,
 };
 
 }  // namespace
 
-Findings look_at_host(const HostQuestion& question)
+HostFindings look_at_host(const HostQuestion& question)
 {
-    Findings findings;
+    HostFindings findings;
     for (const auto& check : kChecks)
         append(findings, check(question));
     return findings;

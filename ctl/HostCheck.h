@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ctl/Finding.h"
+#include "ctl/HostFinding.h"
 
 #include <string>
 
@@ -14,6 +14,6 @@ struct HostQuestion {
 
 /// @return what this host lacks of that which zendrel needs, in the order in which it is cured
 /// best.
-Findings look_at_host(const HostQuestion& question);
+HostFindings look_at_host(const HostQuestion& question);
 
 }  // namespace tarvik::ctl

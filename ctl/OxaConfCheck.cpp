@@ -105,9 +105,9 @@ std::vector<Line> read_lines(std::istream& file)
     return lines;
 }
 
-Findings look_at_lines(const std::vector<Line>& lines)
+HostFindings look_at_lines(const std::vector<Line>& lines)
 {
-    Findings findings;
+    HostFindings findings;
     for (std::size_t i = 0; i < lines.size(); ++i) {
         const auto* const mistake =
             std::find_if(std::begin(kMistakes), std::end(kMistakes),
@@ -125,7 +125,7 @@ Findings look_at_lines(const std::vector<Line>& lines)
 }
 
 /// A directory can be opened, but not read.
-Finding unreadable()
+HostFinding unreadable()
 {
     const std::string path = theOxaConfFile;
     return {path + " cannot be read", "mv " + path + " " + path + ".old"};
@@ -133,7 +133,7 @@ Finding unreadable()
 
 }  // namespace
 
-Findings look_at_oxa_conf()
+HostFindings look_at_oxa_conf()
 {
     struct stat status;
     if (::stat(theOxaConfFile, &status) != 0 && errno == ENOENT)
@@ -141,7 +141,7 @@ Findings look_at_oxa_conf()
     std::ifstream file(theOxaConfFile, std::ios::binary);
     if (!file)
         return {unreadable()};
-    Findings findings = look_at_lines(read_lines(file));
+    HostFindings findings = look_at_lines(read_lines(file));
     if (file.bad())
         findings.push_back(unreadable());
     if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "ctl/Finding.h"
+#include "ctl/HostFinding.h"
 
 namespace tarvik::ctl {
 
 /// @return what is wrong with the panel's file of paths, whose mistakes nobody else reports. No
 ///         file at all is as good as any: there is a default for every key. Lines keep their
 ///         numbers when one is cured.
-Findings look_at_oxa_conf();
+HostFindings look_at_oxa_conf();
 
 }  // namespace tarvik::ctl

@@ -25,9 +25,9 @@ int check_host(int argc, char** argv)
     add("user-name", po::value(&question.userName), "look at this site's user, too");
     if (!line.parse(argc, argv))
         return kDone;
-    const Findings findings = look_at_host(question);
+    const HostFindings findings = look_at_host(question);
     Rows rows;
-    for (const Finding& finding : findings)
+    for (const HostFinding& finding : findings)
         rows.add({finding.what, "   cure:", finding.cure}, Tone::Bad);
     return findings.empty() ? kDone : kDifferent;
 }

@@ -95,7 +95,7 @@ TEST_F(ApacheConfig, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
     }
 }
 
-TEST_F(Apache, TakesPicturesIntoTheAlbumWholeAndUnderNamesThatNothingRuns)
+TEST_F(ApacheConfig, TakesPicturesIntoTheAlbumWholeAndUnderNamesThatNothingRuns)
 {
     site_.shell("cp -r " ZENDREL_SOURCE_DIR "/examples/packages/photos package");
     ASSERT_EQ(zendrel(site_.extract()), says(0, ""));

@@ -1,11 +1,11 @@
-#include "ctl/Finding.h"
+#include "ctl/HostFinding.h"
 
 #include <algorithm>
 #include <cctype>
 
 namespace tarvik::ctl {
 
-void append(Findings& findings, const Findings& more)
+void append(HostFindings& findings, const HostFindings& more)
 {
     findings.insert(findings.end(), more.begin(), more.end());
 }

@@ -6,13 +6,13 @@
 namespace tarvik::ctl {
 
 /// Something that this host lacks, or has in a wrong way, and the command that cures it.
-struct Finding {
+struct HostFinding {
     std::string what;
     std::string cure;
 };
-using Findings = std::vector<Finding>;
+using HostFindings = std::vector<HostFinding>;
 
-void append(Findings& findings, const Findings& more);
+void append(HostFindings& findings, const HostFindings& more);
 
 /// @return a text as one word for a shell.
 std::string shell_word(const std::string& text);
