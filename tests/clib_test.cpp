@@ -42,6 +42,11 @@ TEST(Messages, GoToBothStreamsWithTheSystemErrorOrUpToTheThreshold)
               says_twice(7,
                          "info 1\nheard 1 12 1\nno second newline\n" + zeros(4053) + kNoFile + zeros(4054) + zeros(4096)
                              + "tool: path\n" + kNoFile + "gone\n\n" + kNoFile));
+    EXPECT_EQ(in_child([] {
+                  tarvik_log_init("console", 1, LOG_USER, 0, "id");
+                  tarvik_log(1, "alert");
+              }),
+              says_twice(0, "alert\n"));
     const Result logged = in_child([] {
         tarvik_log_init(nullptr, 1, LOG_USER, LOG_PERROR, "id");
         tarvik_log(LOG_INFO, "heard");
@@ -66,6 +71,18 @@ TEST(Accounts, AreFoundByNameAndNumberElseReportedAndZero)
               says_twice(42,
                          "Unable to getpwnam for user nosuch\ngetgrgid(4242): Success\ngetgrgid(-1): Success\n"
                          "getgrnam(12x): Success\nUnable to find uid for user nosuch: Success\n"));
+}
+
+TEST(Accounts, AreUnknownWithoutANameService)
+{
+    const Site site;
+    site.shell("cp /etc/nsswitch.conf saved; sed 's/^group:.*/group: nosuch/' saved >/etc/nsswitch.conf");
+    EXPECT_EQ(in_child([] {
+                  errno = EINTR;
+                  get_gid_by_name("x");
+              }),
+              says_twice(0, "getgrnam(x): Success\n"));
+    site.shell("cat saved >/etc/nsswitch.conf");
 }
 
 TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
@@ -95,6 +112,9 @@ TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
         words.insert(words.end(), extract.begin(), extract.end());
         EXPECT_EQ(run(words), says_twice(1, "Failed to setuid: 28001\n\nSystem error 1: " + denied));
     }
+    Words words = site.extract();
+    words.insert(words.begin(), {"setpriv", "--ruid=alice", "--bounding-set=-setuid", ZENDREL_PROGRAM});
+    EXPECT_EQ(run(words), says_twice(1, "Failed to setuid: 28001\n\nSystem error 1: " + denied));  // the saved id stays
     EXPECT_TRUE(site.tree().empty());
 }
 
@@ -115,7 +135,9 @@ TEST(Processes, GetTheirStreamsAndNothingElseAndEndInAnExitCode)
     testing::internal::CaptureStdout();
     EXPECT_EQ(fork_exec_waitpid(-1, nullptr, nullptr), -1);
     EXPECT_EQ(fork_exec_waitpid(spawn("/no/such", dup(1), ""), "", nullptr), 255);
-    EXPECT_EQ(fork_exec_waitpid(spawn("/bin/sh", -1, "cd /proc/$$/fd; ls; readlink 0 2; exit 3"), "", nullptr), 3);
+    EXPECT_EQ(fork_exec_waitpid(spawn("/bin/sh", -1, "cd /proc/$$/fd; ls; readlink 0 2; echo >&2 || exit 4; exit 3"),
+                                "", nullptr),
+              3);
     const pid_t job = spawn("/bin/sh", -1, "kill -STOP $$");
     for (const int signal : {SIGKILL, 0, 0}) {
         EXPECT_EQ(fork_exec_waitpid(job, "job", nullptr), -1);

@@ -62,12 +62,15 @@ protected:
 TEST_F(Extract, FollowsTheMappings)
 {
     package({"index.html", "cgi/run.pl", "cgi/x.pl.txt", "cgi/sub.pl/readme", "cgi/xpl", "data/store", "data/d/e",
-             "data/cache/c", "off/run.pl"},
+             "data/cache/c", "data/cache/open/o", "data/-/b", "off/run.pl"},
             "<mapping url='/' path='htdocs'>"
-            "<mapping url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension></cgi:handler></mapping>"
+            "<mapping "
+            "url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>a.pl</cgi:extension></"
+            "cgi:handler></mapping>"
             "<mapping url='off'><cgi:handler><cgi:disabled/></cgi:handler>"
             "<cgi:handler><cgi:all-files/></cgi:handler></mapping>"
-            "<mapping url='data'><php:permissions writable='true'/><mapping url='./cache//'/></mapping>"
+            "<mapping url='data'><php:permissions writable='true'/><mapping url='./cache//'><mapping "
+            "url='open'><php:permissions writable='true'/></mapping></mapping></mapping>"
             "<mapping url='exe' path='late'/>"  // siblings are visited in reverse: the first has the last word
             "<mapping url='exe' path='tools'><cgi:handler><cgi:all-files/></cgi:handler></mapping>"
             "<mapping url='one' path='late/ping'/><mapping url='gone' path='nowhere'/>"
@@ -80,10 +83,10 @@ TEST_F(Extract, FollowsTheMappings)
     ASSERT_EQ(setxattr(site_.docroot("exe").c_str(), "system.posix_acl_default", acl.data(), 28, 0), 0);
     const std::string expected = R"(
 - 644 alice:oxacln: cgi/sub.pl/readme cgi/x.pl.txt cgi/xpl data/cache/c exe/ping=late index.html off/run.pl one=late
-- 646 alice:oxacln: data/d/e data/store
+- 646 alice:oxacln: data/-/b data/cache/open/o data/d/e data/store
 - 755 alice:oxacln: cgi/run.pl exe/pong=pong exe/pung=pung
 d 755 alice:oxacln: cgi cgi/sub.pl data/cache exe off
-d 757 alice:oxacln: data data/d
+d 757 alice:oxacln: data data/- data/cache/open data/d
 )";
     const Result warned = says(0, "Source directory \"@/package/nowhere\" is not exist\n");
     for (const char* whole : {".", "/"}) {  // the second time over itself
@@ -113,6 +116,13 @@ d 755 alice:oxacln: linked to-dir
 d 757 alice:oxacln: data
 l 777 root:root: used=elsewhere
 )");
+}
+
+TEST_F(Extract, TwoMappingsAreNotTakenForOne)
+{
+    package({"b/f", "bx/b/g"}, "<mapping url='/' path='htdocs/bx/b'/><mapping url='x' path='htdocs'/>");
+    EXPECT_EQ(extract(), says(0, ""));
+    EXPECT_EQ(site_.tree().count("x/b/f"), 1u);
 }
 
 TEST_F(Extract, AnErrorTakesEverythingBackAndIsToldTwice)
@@ -177,6 +187,10 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
                                "\"@/package/htdocs/a\", \"@/vhost/httpdocs/bobs/a\"(system:2)"
                                "@/package/htdocs/a -> @/vhost/httpdocs/bobs/a")
                              .err));
+    site_.shell("mkdir -m 744 package/top; touch package/top/f");
+    package({}, "<mapping url='/'/>");
+    EXPECT_NE(extract().err.find("@/package/top/f: Permission denied"), std::string::npos);
+    site_.shell("rm -r package/top");
     package({}, "<mapping url='zendrel-f' path='htdocs/f'/>");
     EXPECT_EQ(extract({"--www-root="}),
               says(1,
@@ -200,6 +214,8 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
     package({}, "<mapping url='/' path='htdocs'/>" + writable("l/q", "nowhere"));
     EXPECT_EQ(extract(), says(0, nowhere));
     EXPECT_EQ(mode_of(site_.docroot("a/q")), 0757u);
+    site_.shell("chown bob vhost/httpdocs/a/q; chmod 777 vhost/httpdocs/a/q");  // a stranger's, but open already
+    EXPECT_EQ(extract(), says(0, nowhere));
     // The undo finds its way back, and goes on where that way is gone.
     site_.shell("mkdir package/q; touch package/q/g; mkfifo package/htdocs/p");
     for (const std::string odd : {"x/y/..", "l/b/"}) {
@@ -218,7 +234,9 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
 
     // A path that no call takes is not made, even where its directory is in reach; it is listed, but not entered.
     site_.put("data/");
-    package({"n"}, "<mapping path='htdocs/n' url='data" + std::string(3900, '/') + std::string(255, 'n') + "'/>");
+    package({"n"},
+            "<mapping path='htdocs/n' url='data" + std::string(PATH_MAX - 255 - site_.docroot("data").size(), '/')
+                + std::string(255, 'n') + "'/>");
     EXPECT_EQ(extract().status, 1);
     package({}, writable("data", "nowhere"));
     const std::string name(200, 'd');
@@ -272,6 +290,8 @@ TEST_F(Extract, RefusesInItsOrderOfChecks)
     EXPECT_EQ(zendrel({"--extract-application", user}),
               says_twice(1, what + "required_option>(the option '--application-full-name' is required but missing)\n"));
     site_.shell("cp /etc/group group; sed s/oxacln/others/ group >/etc/group");
+    EXPECT_EQ(extract({vhost}), says(255, ""));
+    site_.shell("sed s/28010/0/ group >/etc/group");
     EXPECT_EQ(extract({vhost}), says(255, ""));
     site_.shell("cp group /etc/group");
     EXPECT_TRUE(site_.tree().empty());

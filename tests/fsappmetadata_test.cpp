@@ -180,6 +180,8 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
         {"many-namespaces", "", "<x" + many(4'000, " xmlns:n", "='u'") + ">" + many(60'000, "<n0:x", "/>") + "</x>"},
         {"many-small-nodes", "", many(80'000, "<a/>", "")},
         {"long-URL-above-many", "", "<m '" + large + "'>" + many(10'000, "<m '", "'/>") + "</m>"},
+        {"long-URL-above-redirects", "",
+         "<m '" + large + "'>" + many(400, "<m '", "' virtual='redirect' href='x'/>") + "</m>"},
         {"many-references-to-no-node", "<!ENTITY a '" + repeated(12'000, "<?p?>") + "'>", repeated(60'000, "&a;")},
         {"many-defaults-after-an-error",
          many(900, "<!ATTLIST x xmlns:n", " CDATA 'u'>") + "<!ENTITY a '&#38;#0;" + repeated(14'000, "<x/>") + "'>",

@@ -155,6 +155,7 @@ TEST_F(RunScript, TheScriptHasTheCallersProcessGroupButNotItsTerminalAndKeys)
         {"2>/dev/tty", "openat:error=ENFILE", prints(none)},
         {"", "openat:error=ENFILE", fails("terminal failed: Too many open files in system")},
         {"", "openat:error=EACCES", prints("1 terminal 1 mute")},
+        {"", "openat:error=ENOENT", prints("1 terminal 1 mute")},
         {"", "keyctl:error=EPERM", prints(none + old)},
         {"", "keyctl:error=EDQUOT", fails("keys failed: Disk quota exceeded")},
     };

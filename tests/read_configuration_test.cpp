@@ -71,14 +71,17 @@ TEST(OxaConf, TriesAgainUntilTheFileIsThereAndThenKeepsIt)
                   std::remove(kFile);
                   show(oxaConfGet("_MAX_POSSIBLE_OXA_CONF_VAR_NAME"));
                   theOxaConfArray[OXA_PRODUCT_ROOT_D] = "kept";  // a filled slot is not looked up
-                  for (const char* name : {"PRODUCT_ROOT_D", "SA_MAX_MAIL_SIZE", "_MAX_POSSIBLE_OXA_CONF_VAR_NAME"})
+                  LogLevel = 6;
+                  for (const char* name : {"PRODUCT_ROOT_D", "_MIN_POSSIBLE_OXA_CONF_VAR_NAME", "SA_MAX_MAIL_SIZE",
+                                           "_MAX_POSSIBLE_OXA_CONF_VAR_NAME"})
                       show(oxaConfGetDefault(name));
               }),
               says_twice(0,
                          "unable to open configuration file /etc/oxa/oxa.conf: No such file or directory\n\n(none)\n"
                          "Invalid variable definition C #c\n\nExpected a value\n"
                          "Invalid variable definition LAST\nExpected a space after variable name\n\n"
-                         "/srv\nx\nkept\n256000\nvariable '_MAX_POSSIBLE_OXA_CONF_VAR_NAME' was found neither in "
+                         "/srv\nx\nkept\n_MIN_POSSIBLE_OXA_CONF_VAR_VALUE\n256000\nvariable "
+                         "'_MAX_POSSIBLE_OXA_CONF_VAR_NAME' was found neither in "
                          "/etc/oxa/oxa.conf, nor in compile-time defaults\n(none)\n"));
 }
 

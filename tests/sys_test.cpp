@@ -66,6 +66,7 @@ TEST(TEArgs, HoldsAHundredStringsAndSaysWhyNotMore)
               "The number of arguments has exceeded the defined limits"
               " (arguments number = 90, add. arguments number = 11, max = 100)");
     EXPECT_EQ(error_of([&] { static_cast<void>(args[90]); }), "Wrong index (index = 90)");
+    EXPECT_EQ(error_of([&] { static_cast<void>(args[3'000'000'000]); }), "Wrong index (index = 3000000000)");
     EXPECT_EQ(error_of([] { TExec(el).execute(); }), "Bad execute arguments");
 }
 
@@ -275,6 +276,7 @@ TEST(Pipelines, CarryMoreThanAPipeHoldsAndLeaveNothingOpen)
     for (const TExecsList& list : {TExecsList(open << ""), open | (cat | cat), (cat << "") | (open | cat),
                                    (cat << "") | (cat | open), ((cat << "") | open) << ""})
         EXPECT_EQ(captured(list), open_in_child);
+    EXPECT_EQ(in_child([] { (sh("") | (TExec({"ls", "/proc/self/fd"}) ^ fork_mode)).execute(); }).out, open_in_child);
     const TExec busy = cat & TRedirect(3, 2) & TRedirect(4, 2) & TRedirect(5, 2) & TRedirect(6, 2);
     EXPECT_EQ(captured((busy << "x") | (busy | busy)), "x");
     {

@@ -207,6 +207,9 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
     EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=vhost", "--www-root=", "--config-file-name=app.conf"}),
               says(0, ""));
     EXPECT_EQ(left("removal"), kept);
+    site_.shell("cd " + directory + "; mkfifo app.conf.newPIPED1");
+    tarvik::remove_stray_files(site_.path(directory + "/app.conf.new"));
+    site_.shell("rm " + directory + "/app.conf.newPIPED1");  // fails unless it is there
 }
 
 /// Both commands stay root.
