@@ -147,15 +147,22 @@ int run_as(const std::string& user, const std::function<int()>& work)
 Question::Question(const std::string& user, const std::function<std::string()>& work) : user_(user)
 {
     require_user(user);
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0)
+    int input[2];
+    if (::pipe2(input, O_CLOEXEC) != 0)
         throw_failed("cannot open a pipe");
-    from_child_.reset(ends[0]);
-    const TDescriptor to_parent(ends[1]);
+    const TDescriptor from_parent(input[0]);
+    to_child_.reset(input[1]);
+    int output[2];
+    if (::pipe2(output, O_CLOEXEC) != 0)
+        throw_failed("cannot open a pipe");
+    from_child_.reset(output[0]);
+    const TDescriptor to_parent(output[1]);
     keeper_ = start([&] {
+        to_child_.reset();  // or nobody would notice that the parent has gone
         return guarded([&] {
             return wait_for(start([&] {
-                if (::dup2(to_parent.get(), STDOUT_FILENO) < 0)
+                if (::dup2(from_parent.get(), STDIN_FILENO) < 0
+                    || ::dup2(to_parent.get(), STDOUT_FILENO) < 0)
                     return report(std::strerror(errno));
                 become(user);
                 return answer_with(work);
@@ -166,9 +173,16 @@ Question::Question(const std::string& user, const std::function<std::string()>& 
 
 Question::~Question()
 {
+    to_child_.reset();
     from_child_.reset();
     if (keeper_ > 0)
         static_cast<void>(retried([this] { return ::waitpid(keeper_, nullptr, 0); }));
+}
+
+void Question::go()
+{
+    if (retried([this] { return ::write(to_child_.get(), "", 1); }) != 1)
+        throw_failed("cannot reach a process");
 }
 
 std::string Question::answer()
@@ -180,6 +194,12 @@ std::string Question::answer()
     if (status != kDone)
         throw Trouble("the work of " + user_ + " was not done");
     return text;
+}
+
+bool told_to_go()
+{
+    char byte = 0;
+    return retried([&byte] { return ::read(STDIN_FILENO, &byte, 1); }) == 1;
 }
 
 std::string ask_as(const std::string& user, const std::function<std::string()>& work)

@@ -34,14 +34,19 @@ public:
     /// Waits for the work, whose answer nobody wants any more.
     ~Question();
 
+    /// Tells work that waits in `told_to_go`, once, that it is time.
+    void go();
     /// Waits for the answer. @throws Trouble with the text of what the work threw.
     std::string answer();
 
 private:
     std::string user_;
-    TDescriptor from_child_;
+    TDescriptor to_child_, from_child_;
     pid_t keeper_ = -1;
 };
+
+/// For work that is asked for: waits. @return false when nobody is left to tell it.
+bool told_to_go();
 
 /// Asks and waits.
 std::string ask_as(const std::string& user, const std::function<std::string()>& work);

@@ -4,6 +4,8 @@
 #include "ctl/Child.h"
 #include "ctl/InstalledPaths.h"
 #include "ctl/Manifest.h"
+#include "ctl/Output.h"
+#include "ctl/PackageCheck.h"
 #include "ctl/QuietErrors.h"
 #include "ctl/Trouble.h"
 
@@ -11,6 +13,7 @@
 
 #include <array>
 #include <ctime>
+#include <iostream>
 #include <list>
 
 namespace tarvik::ctl {
@@ -48,6 +51,19 @@ InstallPlan plan_quietly(const PackageSource& package, const Site& site,
 }
 
 }  // namespace
+
+void require_sound(const PackageSource& package)
+{
+    bool sound = true;
+    for (const auto& [severity, where, text] : look_over(package)) {
+        const bool error = severity == Severity::Error;
+        sound = sound && !error;
+        std::cerr << (error ? "error " : "warning ") << printable(where) << ": " << printable(text)
+                  << '\n';
+    }
+    if (!sound)
+        throw Trouble("the package has mistakes; --force goes on with them");
+}
 
 Planning::Planning(const PackageSource& package, const Site& site, const DeployOptions& options)
     : metadata_(read_metadata(package)), options_(options), packageDir_(package.directory),

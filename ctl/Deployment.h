@@ -11,6 +11,9 @@
 /// The steps that deploying, upgrading and removing have in common.
 namespace tarvik::ctl {
 
+/// Refuses a package with mistakes, which are reported on standard error. @throws Trouble
+void require_sound(const PackageSource& package);
+
 /// What an installation will put where, found out while this process goes on.
 class Planning {
 public:

@@ -162,33 +162,69 @@ private:
     bool script_, widens_;
 };
 
-/// Takes what has come to one tree, or is newer there, over into another one: by visitors, who put
-/// files into the writable mappings, and by the owner, who may put them anywhere.
-void take_over_new(const Site& site, const std::string& fromTree, const Release& from,
-                   const std::string& toTree, const Release& to)
-{
-    const Names changed = ask_changed(site, fromTree, from);
-    const Names installed = names_of(from);
-    const NextTree rules(from, to, changed);
-    const auto is_installed = [&](const std::string& path) {
-        return installed.count(path) != 0 && changed.count(path) == 0;
-    };
-    TakeoverRules takeover;
-    takeover.decide = [&](const std::string& path, const struct stat& status) {
-        if (S_ISDIR(status.st_mode))
-            return rules.decide(path, status);
-        return is_installed(path) ? Take::Skip : Take::Link;
-    };
-    takeover.pass_over = [&](const std::string& path, EntryType type) {
-        return type == EntryType::Regular && is_installed(path);
-    };
-    takeover.bits = [&](const std::string& path, const struct stat& made) {
-        return rules.bits(path, made);
-    };
-    takeover.existing = Existing::StaysUnlessOlder;
-    take_over_rest(site.userName, fromTree, toTree, takeover.existing,
-                   take_over(site.userName, fromTree, toTree, takeover, {""}));
-}
+/// What has come to one tree, or is newer there, and is to be in another one: visitors put files
+/// into the writable mappings, and the owner may put them anywhere.
+class NewFiles {
+public:
+    NewFiles(const Site& site, const std::string& fromTree, const Release& from,
+             const std::string& toTree, const Release& to)
+        : user_(site.userName), fromTree_(fromTree), toTree_(toTree), writable_(from.writableDirs),
+          changed_(ask_changed(site, fromTree, from)), installed_(names_of(from)),
+          next_(from, to, changed_)
+    {
+        rules_.decide = [this](const std::string& path, const struct stat& status) {
+            if (S_ISDIR(status.st_mode))
+                return next_.decide(path, status);
+            return is_installed(path) ? Take::Skip : Take::Link;
+        };
+        rules_.pass_over = [this](const std::string& path, EntryType type) {
+            return type == EntryType::Regular && is_installed(path);
+        };
+        rules_.bits = [this](const std::string& path, const struct stat& made) {
+            return next_.bits(path, made);
+        };
+        rules_.existing = Existing::StaysUnlessOlder;
+    }
+    NewFiles(const NewFiles&) = delete;
+    NewFiles& operator=(const NewFiles&) = delete;
+
+    void take_all() const
+    {
+        take_over_rest(user_, fromTree_, toTree_, rules_.existing,
+                       take_over_as(user_, fromTree_, toTree_, rules_, {""}));
+    }
+
+    /// A last look at what visitors make as the web server's account.
+    void take_web_servers() const
+    {
+        TakeoverRules own = rules_;
+        own.decide = [this](const std::string& path, const struct stat& status) {
+            const bool mine = status.st_uid == ::geteuid();
+            if (S_ISDIR(status.st_mode))
+                return mine ? Take::Link : Take::IfNeeded;
+            return mine ? rules_.decide(path, status) : Take::Skip;
+        };
+        static_cast<void>(take_over_as(kWebServerUser, fromTree_, toTree_, own, writable_));
+    }
+
+    /// A last look at what they make as the site's user, by a process that is this user.
+    void take_own() const { static_cast<void>(take_over(fromTree_, toTree_, rules_, writable_)); }
+
+private:
+    bool is_installed(const std::string& path) const
+    {
+        return installed_.count(path) != 0 && changed_.count(path) == 0;
+    }
+
+    const std::string& user_;
+    const std::string& fromTree_;
+    const std::string& toTree_;
+    const std::vector<std::string>& writable_;
+    const Names changed_;
+    const Names installed_;
+    const NextTree next_;
+    TakeoverRules rules_;
+};
 
 /// The first name for an older kept tree that none has.
 std::string older_name(const InstanceRecord& record)
@@ -229,6 +265,13 @@ void keep_old_tree(InstanceRecord& record)
     record.kept.insert(record.kept.begin(), {latest, exchange.outgoingMode, record.current});
 }
 
+void exchange_names(const std::string& appDir, const std::string& other)
+{
+    if (::renameat2(AT_FDCWD, appDir.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) != 0)
+        throw Trouble(appDir + " cannot be exchanged: " + std::strerror(errno)
+                      + "; see --in-place");
+}
+
 /// All that comes after the exchange.
 void finish(InstanceRecord& record)
 {
@@ -243,7 +286,8 @@ void finish(InstanceRecord& record)
     set_mode(site, oldName, done.outgoingMode);
     if (!wait_until_unused(oldTree))
         std::cerr << "zendrelctl: some processes still work in " << oldTree << '\n';
-    take_over_new(site, oldTree, record.current, site.application_dir(), done.release);
+    const std::string appDir = site.application_dir();
+    NewFiles(site, oldTree, record.current, appDir, done.release).take_all();
     keep_old_tree(record);
     set_mode(site, latest, kClosed);  // else the old release could still be visited there
     record.current = done.release;
@@ -310,7 +354,7 @@ Pending copy_beside(const InstanceRecord& record, const Release& next)
         return type == EntryType::Regular && rules.is_brought(path);
     };
     return {{changed.begin(), changed.end()},
-            take_over(site.userName, appDir, copy, takeover, {""})};
+            take_over_as(site.userName, appDir, copy, takeover, {""})};
 }
 
 void complete_copy(const InstanceRecord& record, const Pending& pending)
@@ -328,15 +372,16 @@ void complete_copy(const InstanceRecord& record, const Pending& pending)
     };
     rules.existing = Existing::Goes;
     take_over_rest(user, from, to, rules.existing,
-                   take_over(user, from, to, rules, pending.changed));
+                   take_over_as(user, from, to, rules, pending.changed));
 }
 
 void open_kept(const InstanceRecord& record)
 {
     const KeptRelease& kept = record.kept.front();
     set_mode(record.site, kept.directory, kept.mode);
-    take_over_new(record.site, record.site.application_dir(), record.current,
-                  beside_path(record.site, kept.directory), kept.release);
+    const std::string appDir = record.site.application_dir();
+    const std::string tree = beside_path(record.site, kept.directory);
+    NewFiles(record.site, appDir, record.current, tree, kept.release).take_all();
 }
 
 Exchange begun_exchange(const InstanceRecord& record, const std::string& command,
@@ -358,11 +403,20 @@ void exchange(InstanceRecord& record)
     if (!record.exchange->incoming)
         throw_failed(other);
     save(record);
-    do_as(site, [&] {
-        if (::renameat2(AT_FDCWD, appDir.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) != 0)
-            throw Trouble(appDir + " cannot be exchanged: " + std::strerror(errno)
-                          + "; see --in-place");
+    // What visitors make from here on is not in the other tree before all is over, and who makes a
+    // file of the same name there meanwhile makes another one: so the last look comes last.
+    const NewFiles files(site, appDir, record.current, other, record.exchange->release);
+    files.take_all();
+    Question exchanger(site.userName, [&] {
+        if (told_to_go()) {
+            files.take_own();
+            exchange_names(appDir, other);
+        }
+        return std::string();
     });
+    files.take_web_servers();
+    exchanger.go();
+    static_cast<void>(exchanger.answer());
     finish(record);
 }
 

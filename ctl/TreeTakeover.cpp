@@ -113,24 +113,6 @@ Paths split(const std::string& text)
     return paths;
 }
 
-/// One user's turn. @return what is left for the next one.
-Paths turn(const std::string& user, const std::string& from, const std::string& to,
-           const TakeoverRules& rules, const Paths& paths)
-{
-    if (paths.empty())
-        return {};
-    return split(ask_as(user, [&] {
-        const TDescriptor source(::open(from.c_str(), kPlace | O_DIRECTORY));
-        const TDescriptor target(::open(to.c_str(), kPlace | O_DIRECTORY));
-        if (!source || !target)
-            throw Trouble((source ? to : from) + ": " + std::strerror(errno));
-        Takeover takeover(source.get(), target.get(), rules);
-        for (const std::string& path : paths)
-            takeover.take(path);
-        return joined(takeover.left());
-    }));
-}
-
 }  // namespace
 
 void Takeover::take(const std::string& path)
@@ -263,10 +245,25 @@ void Takeover::leave_to_others(const std::string& path, int error)
     left_.push_back(path);
 }
 
-Paths take_over(const std::string& siteUser, const std::string& from, const std::string& to,
-                const TakeoverRules& rules, const Paths& paths)
+Paths take_over(const std::string& from, const std::string& to, const TakeoverRules& rules,
+                const Paths& paths)
 {
-    return turn(siteUser, from, to, rules, paths);
+    const TDescriptor source(::open(from.c_str(), kPlace | O_DIRECTORY));
+    const TDescriptor target(::open(to.c_str(), kPlace | O_DIRECTORY));
+    if (!source || !target)
+        throw Trouble((source ? to : from) + ": " + std::strerror(errno));
+    Takeover takeover(source.get(), target.get(), rules);
+    for (const std::string& path : paths)
+        takeover.take(path);
+    return takeover.left();
+}
+
+Paths take_over_as(const std::string& user, const std::string& from, const std::string& to,
+                   const TakeoverRules& rules, const Paths& paths)
+{
+    if (paths.empty())
+        return {};
+    return split(ask_as(user, [&] { return joined(take_over(from, to, rules, paths)); }));
 }
 
 void take_over_rest(const std::string& siteUser, const std::string& from, const std::string& to,
@@ -275,9 +272,9 @@ void take_over_rest(const std::string& siteUser, const std::string& from, const 
     // What was left has been decided about, with all that is below it.
     TakeoverRules rules = {[](const std::string&, const struct stat&) { return Take::Link; }};
     rules.existing = existing;
-    const Paths refused = turn(kWebServerUser, from, to, rules, left);
+    const Paths refused = take_over_as(kWebServerUser, from, to, rules, left);
     rules.last = true;
-    static_cast<void>(turn(siteUser, from, to, rules, refused));
+    static_cast<void>(take_over_as(siteUser, from, to, rules, refused));
 }
 
 void Takeover::settle_modes()

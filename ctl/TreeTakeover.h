@@ -79,14 +79,19 @@ private:
 };
 
 /**
- * The turn of the site's user, who takes but what the web server owns.
+ * This process' turn.
  * @param from, to  directories. @param paths  in them, with all that is below; the empty path is
  * all.
- * @return what is left. @throws Trouble for what nobody can take.
+ * @return what is left to others. @throws Trouble for what nobody can take.
  */
-std::vector<std::string> take_over(const std::string& siteUser, const std::string& from,
-                                   const std::string& to, const TakeoverRules& rules,
+std::vector<std::string> take_over(const std::string& from, const std::string& to,
+                                   const TakeoverRules& rules,
                                    const std::vector<std::string>& paths);
+
+/// The turn of a user: the site's, who takes but what the web server owns, or the web server's.
+std::vector<std::string> take_over_as(const std::string& user, const std::string& from,
+                                      const std::string& to, const TakeoverRules& rules,
+                                      const std::vector<std::string>& paths);
 
 /// The turns that follow: the web server's, then again the user's, for what neither has taken.
 void take_over_rest(const std::string& siteUser, const std::string& from, const std::string& to,

@@ -22,6 +22,7 @@ struct Words {
     PackageSource package;
     SiteOptions site;
     DeployOptions options;
+    bool force = false;
     unsigned wait = 0;
 };
 
@@ -37,6 +38,7 @@ bool parse(int argc, char** argv, Words& words)
                "a word for the script; \"{application}\" in it is the application's directory");
     line.add()("apache-conf", po::value(&words.options.apacheConf),
                "write the Apache file of that name");
+    line.add()("force", flag(words.force), "go on with a package that has mistakes");
     line.add()("wait", po::value(&words.wait), "seconds to wait for another command at work");
     return line.parse(argc, argv);
 }
@@ -89,6 +91,8 @@ int deploy(int argc, char** argv)
     if (!parse(argc, argv, words))
         return kDone;
     words.package = settled(words.package);
+    if (!words.force)
+        require_sound(words.package);
     words.options.metadataFile = words.package.metadataFile;
     const Site site = settled(words.site.site);
     const std::string name =

@@ -32,6 +32,7 @@ struct Words {
     std::vector<std::string> parameters;
     bool inPlace = false;
     unsigned keep = 1;
+    bool force = false;
     unsigned wait = 0;
 };
 
@@ -49,6 +50,7 @@ bool parse(int argc, char** argv, Words& words)
     line.add()("in-place", flag(words.inPlace),
                "install over the running tree where it cannot be exchanged; nothing is kept");
     line.add()("keep", po::value(&words.keep), "how many old trees are kept (1)");
+    line.add()("force", flag(words.force), "go on with a package that has mistakes");
     line.add()("wait", po::value(&words.wait), "seconds to wait for another command at work");
     return line.parse(argc, argv);
 }
@@ -143,6 +145,8 @@ int upgrade(int argc, char** argv)
     if (!parse(argc, argv, words))
         return kDone;
     words.package = settled(words.package);
+    if (!words.force)
+        require_sound(words.package);
     const std::string name = require_instance(words.site).name;
     const InstanceLock lock(name, argv[0], words.wait);
     InstanceRecord record = require_instance({{}, name});  // as it is now

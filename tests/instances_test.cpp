@@ -134,7 +134,7 @@ TEST_F(Instances, AreNotDeployedByMistake)
         {{"--application-subdirectory=a/.."}, "--application-subdirectory has a \"..\": a/.."},
         {{"--instance=../x"},
          "an instance cannot be called \"../x\": letters, digits, \".\", \"-\" and \"_\" make a name"},
-        {{"--metadata-file=/none"}, "Unable to load file: /none"},
+        {{"--metadata-file=/none"}, "cannot read /none"},
         {{"--frobnicate"}, "unrecognised option '--frobnicate'"},
     };
     for (const auto& [changes, message] : refused)
@@ -146,7 +146,8 @@ TEST_F(Instances, AreNotDeployedByMistake)
 
     // An extraction that fails is no instance; a script that fails is one to go on with.
     site_.shell("ln -s nowhere package/htdocs/dangling");
-    EXPECT_EQ(ctl({"deploy"}).status, 1);
+    EXPECT_EQ(ctl({"deploy"}).err.substr(0, 6), "error ");
+    EXPECT_EQ(ctl({"deploy", "--force"}).status, 1);
     EXPECT_EQ(zendrelctl({"instances"}), prints(""));
     site_.shell("rm package/htdocs/dangling; touch package/scripts/fails");
     EXPECT_EQ(ctl({"deploy", "--script"}).err, "zendrelctl: the package's script ended install with status 1\n");

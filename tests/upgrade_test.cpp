@@ -149,7 +149,8 @@ TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
     fails({"upgrade", "new"}, "closed cannot be taken over: Permission denied");
     site_.shell("rmdir vhost/httpdocs/app/closed; touch -d 2001-01-01 vhost/httpdocs/app/own.txt");
     const std::string used = state();
-    fails({"upgrade", "bad"}, "the package was not extracted; the running application is as it was");
+    fails({"upgrade", "bad"}, "the package has mistakes; --force goes on with them");
+    fails({"upgrade", "bad", "--force"}, "the package was not extracted; the running application is as it was");
     fails({"upgrade", "script", "--script", "--script-parameter={application}"},
           "the package's script ended upgrade with status 1");
     fails({"upgrade", "none"}, "no directory with an unpacked package: @/none");
@@ -247,7 +248,7 @@ TEST(Visitors, LoseNothingAndSeeNoError)
     const auto ctl = [&site](const std::string& word, const std::string& package) {
         Words words = {word};
         if (!package.empty())
-            words.push_back(site.path(package));
+            words.insert(words.end(), {site.path(package), "--force"});
         return zendrelctl(site.ctl(words)).status;
     };
     ASSERT_EQ(ctl("deploy", "1"), 0);
