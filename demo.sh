@@ -12,6 +12,9 @@ Without arguments, shows the life of an application: the guestbook in examples/p
 into a throw-away site, prepared by its script, served by Apache and signed, and removed again. With
 --serve it can be visited before it is removed, until Ctrl-C.
 
+Then the same package is looked over, planned, deployed, upgraded (once badly, once well), rolled back,
+compared and removed with zendrelctl, the administrator's companion.
+
 With PACKAGE_DIR, a directory with an APP-META.xml, that package is deployed and removed. Its script
 is not run and it is not served, but Apache checks the configuration generated for it.
 
@@ -405,8 +408,58 @@ whole_life() { # [--serve]
         [ "$path" = "$own_page" ] || expect_answer 404 "$url/$path"
     done
     expect_answer 200 "$url/$own_page"
+
+    administer
+    check_removal "$site"
     stop_server
-    finish guestbook 'deployed, served and removed again'
+    finish guestbook 'deployed, served and removed again, in both ways'
+}
+
+entries() { # what a visitor sees of the instance
+    run "curl -sS $url/book/cgi-bin/guestbook.pl | grep -E 'Entries so far|Hello from'"
+}
+
+administer() { # an instance in the directory "book", while Apache serves the site
+    local ctl=build/demo/zendrelctl words
+    heading "For administrators: look a package over, and see beforehand what it will do"
+    words="--vhost-path=$site --www-root=$docroot --user-name=alice --application-subdirectory=book"
+    run "$ctl check $package"
+    run_expecting 2 "$ctl plan $package $words | tail -n 5"
+
+    heading "Deploy it on record, with its script and its Apache file"
+    run "$ctl deploy $package --instance=book \\
+    $words \\
+    --script --script-parameter=--data={application}/data --apache-conf=book.conf"
+    run "$ctl instances"
+    run "apache2 -f $server/apache.conf -k graceful"
+    expect_answer 200 "$url/book/cgi-bin/guestbook.pl"
+    run "curl -sS $url/book/cgi-bin/guestbook.pl -d name=Visitor -d 'message=Hello from a visitor'"
+    entries
+
+    heading "An upgrade that fails leaves the running application alone"
+    run "cp -R $package $package.bad && ln -s nowhere $package.bad/htdocs/dangling"
+    run_expecting 1 "$ctl upgrade $package.bad --instance=book"
+    run_expecting 1 "$ctl upgrade $package.bad --instance=book --force"
+    entries
+
+    heading "A good one is in place at a stroke, and can be taken back"
+    run "cp -R $package $package.new &&
+sed -i 's#<version>1.0#<version>1.1#' $package.new/APP-META.xml &&
+echo 'What is new in 1.1' >$package.new/htdocs/news.html"
+    run "$ctl upgrade $package.new --instance=book"
+    run "curl -sS $url/book/news.html"
+    entries
+    run "$ctl rollback --instance=book"
+    expect_answer 404 "$url/book/news.html"
+    entries
+
+    heading "What has become of it since? Then remove it"
+    run "$ctl verify"
+    run "echo defaced >>$docroot/book/index.html"
+    run_expecting 2 "$ctl verify"
+    run "$ctl remove --instance=book \\
+    --script-parameter=--data={application}/data --script-parameter=--force"
+    run "$ctl instances"
 }
 
 deploy_and_delete() { # PACKAGE_DIR
