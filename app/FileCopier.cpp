@@ -72,7 +72,7 @@ bool makeUserWritableDir(const std::string& dir, int directory, const struct sta
                          uid_t siteUser)
 {
     static const gid_t clients = get_group_id(kClientsGroup);
-    const mode_t wanted = status.st_uid == siteUser ? 0700 : status.st_gid == clients ? 0070 : 0007;
+    const mode_t wanted = site_bits(status, siteUser, clients);
     const mode_t mode = status.st_mode & kModeBits;
     if ((mode | wanted) == mode || ::chmod(descriptor_path(directory).c_str(), mode | wanted) == 0)
         return true;
@@ -150,6 +150,16 @@ void settle_mode(int out, mode_t mode, bool& holds)
 
 }  // namespace
 
+mode_t installed_mode(const FSAInstallFileinfo& file)
+{
+    return file.executable ? kProgramMode : kFileMode;
+}
+
+mode_t site_bits(const struct stat& directory, uid_t siteUser, gid_t clients)
+{
+    return directory.st_uid == siteUser ? 0700 : directory.st_gid == clients ? 0070 : 0007;
+}
+
 FileCopier::FileCopier(const std::string& packageDir, const std::string& appDir, uid_t siteUser,
                        TargetDirectories& known)
     : packageDir_(packageDir), appDir_(appDir), siteUser_(siteUser), known_(known),
@@ -201,7 +211,7 @@ void FileCopier::enter_parent(const std::string& target)
 void FileCopier::copy_file(const std::string& source, const std::string& target,
                            const FSAInstallFileinfo& file)
 {
-    const mode_t mode = file.executable ? kProgramMode : kFileMode;
+    const mode_t mode = installed_mode(file);
     const TDescriptor in = open_source(source, file.type);
     if (!in) {
         const int error = errno;

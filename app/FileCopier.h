@@ -4,12 +4,20 @@
 #include "app/TargetDirectories.h"
 #include "common/misc.h"
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
 #include <vector>
 
 namespace tarvik {
+
+/// @return the mode that a planned file is created with.
+mode_t installed_mode(const FSAInstallFileinfo& file);
+
+/// @param clients  the group `kClientsGroup`.
+/// @return the bits that a directory is given which something is put into, for the site's people.
+mode_t site_bits(const struct stat& directory, uid_t siteUser, gid_t clients);
 
 /**
  * Copies planned files, parents before their contents. What holds for all files of one directory is

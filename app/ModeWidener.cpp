@@ -66,62 +66,24 @@ bool makeWritableByWebserver(const std::string& path, int entry, const struct st
     return widened == mode || ::chmod(descriptor_path(entry).c_str(), widened) == 0;
 }
 
-[[noreturn]] void throw_unable_to_stat(const std::string& path)
-{
-    throw FSAFileException("Unable to stat file  " + path + " mode: " + std::strerror(errno));
-}
-
 /// Compares keys. A directory is inside itself.
 bool isSubdir(const std::string& child, const std::string& parent)
 {
     return child.compare(0, parent.size(), parent) == 0;
 }
 
-using KeySet = std::set<std::string>;
-
-/// Tells in one walk through a directory what belongs to a mapping that is not writable.
-class Exclusions {
-public:
-    /// @param others  keys of the destinations of such mappings, borrowed.
-    Exclusions(const std::string& dir, const KeySet& others) : others_(others), key_(path_key(dir))
-    {
-        const auto first = others.lower_bound(key_);
-        possible_ = first != others.end() && isSubdir(*first, key_);
-    }
-
-    /// @param path  as a listing names it; asked for in the listing's order, so that what lies in
-    /// an excluded directory follows it.
-    bool cover(const std::string& path)
-    {
-        if (!possible_)
-            return false;
-        std::string key = key_ + path;
-        std::replace(key.begin() + static_cast<std::ptrdiff_t>(key_.size()), key.end(), '/', '\0');
-        if (!path.empty())
-            key += '\0';
-        if (excluded_ && isSubdir(key, *excluded_))
-            return true;
-        excluded_.reset();
-        if (others_.count(key) != 0)
-            excluded_ = std::move(key);
-        return excluded_.has_value();
-    }
-
-private:
-    const KeySet& others_;
-    std::string key_;
-    bool possible_;
-    std::optional<std::string> excluded_;  ///< the directory last found to be
-};
+[[noreturn]] void throw_unable_to_stat(const std::string& path)
+{
+    throw FSAFileException("Unable to stat file  " + path + " mode: " + std::strerror(errno));
+}
 
 class ModeWidener {
 public:
     ModeWidener(const std::string& appDir, const TargetDirectories& directories,
                 const std::list<std::string>& otherDirs, uid_t siteUser)
-        : appDir_(appDir), directories_(directories), siteUser_(siteUser)
+        : appDir_(appDir), directories_(directories), siteUser_(siteUser),
+          others_(mapping_keys(otherDirs))
     {
-        for (const std::string& dir : otherDirs)
-            others_.insert(path_key(dir));
     }
 
     void widen(const std::string& dir)
@@ -212,7 +174,7 @@ private:
     const std::string& appDir_;
     const TargetDirectories& directories_;
     const uid_t siteUser_;
-    KeySet others_;
+    const MappingKeys others_;
     std::set<std::pair<dev_t, ino_t>> walked_[2];  ///< as part of the mapping; while excluded
 };
 
@@ -223,17 +185,52 @@ mode_t required_bits(const struct stat& status, uid_t siteUser)
     static const uid_t webServer = tarvik_ugid(kWebServerUser, 0);
     static const gid_t services = get_group_id(kServicesGroup);
     static const gid_t clients = get_group_id(kClientsGroup);
+    return web_server_bits(status, {siteUser, webServer, services, clients});
+}
 
-    const Owner owner = status.st_uid == webServer ? Owner::WebServer
-        : status.st_uid == siteUser                ? Owner::SiteUser
-                                                   : Owner::Other;
-    const gid_t shared = owner == Owner::WebServer ? clients : services;
-    const Group group = status.st_gid == shared ? Group::Shared : Group::Another;
+mode_t web_server_bits(const struct stat& entry, const SharedAccounts& accounts)
+{
+    const Owner owner = entry.st_uid == accounts.webServer ? Owner::WebServer
+        : entry.st_uid == accounts.siteUser                ? Owner::SiteUser
+                                                           : Owner::Other;
+    const gid_t shared = owner == Owner::WebServer ? accounts.clients : accounts.services;
+    const Group group = entry.st_gid == shared ? Group::Shared : Group::Another;
     const auto* const row = std::find_if(
         std::begin(kRequiredBits), std::end(kRequiredBits), [&](const RequiredBits& bits) {
             return bits.owner == owner && (bits.group == group || bits.group == Group::Any);
         });
-    return S_ISDIR(status.st_mode) ? row->directory : row->file;
+    return S_ISDIR(entry.st_mode) ? row->directory : row->file;
+}
+
+MappingKeys mapping_keys(const std::list<std::string>& destinations)
+{
+    MappingKeys keys;
+    for (const std::string& destination : destinations)
+        keys.insert(path_key(destination));
+    return keys;
+}
+
+Exclusions::Exclusions(const std::string& dir, const MappingKeys& others)
+    : others_(others), key_(path_key(dir))
+{
+    const auto first = others.lower_bound(key_);
+    possible_ = first != others.end() && isSubdir(*first, key_);
+}
+
+bool Exclusions::cover(const std::string& path)
+{
+    if (!possible_)
+        return false;
+    std::string key = key_ + path;
+    std::replace(key.begin() + static_cast<std::ptrdiff_t>(key_.size()), key.end(), '/', '\0');
+    if (!path.empty())
+        key += '\0';
+    if (excluded_ && isSubdir(key, *excluded_))
+        return true;
+    excluded_.reset();
+    if (others_.count(key) != 0)
+        excluded_ = std::move(key);
+    return excluded_.has_value();
 }
 
 void widen_writable_mappings(const InstallPlan& plan, const std::string& appDir,

@@ -3,6 +3,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <list>
+#include <optional>
+#include <set>
 #include <string>
 
 namespace tarvik {
@@ -13,6 +16,39 @@ class TargetDirectories;
 /// @return the permission bits that a file or directory in a writable mapping has to have.
 /// @param status  of it, as it is now.
 mode_t required_bits(const struct stat& status, uid_t siteUser);
+
+/// Whom the modes of a writable mapping depend on; an id of 0 stands for an account that is
+/// missing.
+struct SharedAccounts {
+    uid_t siteUser;
+    uid_t webServer;
+    gid_t services;
+    gid_t clients;
+};
+
+/// The same for accounts that are known.
+mode_t web_server_bits(const struct stat& entry, const SharedAccounts& accounts);
+
+/// Destinations of mappings, by `path_key`.
+using MappingKeys = std::set<std::string>;
+MappingKeys mapping_keys(const std::list<std::string>& destinations);
+
+/// Tells in one walk through a writable mapping what belongs to another one that is not writable.
+class Exclusions {
+public:
+    /// @param dir  the writable mapping's. @param others  those of the others, borrowed.
+    Exclusions(const std::string& dir, const MappingKeys& others);
+
+    /// @param path  as a listing names it; asked for in the listing's order, so that what lies in
+    /// an excluded directory follows it.
+    bool cover(const std::string& path);
+
+private:
+    const MappingKeys& others_;
+    std::string key_;
+    bool possible_;
+    std::optional<std::string> excluded_;  ///< the directory last found to be
+};
 
 /**
  * Lets the web server write in the writable mappings of an installation, except where another
