@@ -12,6 +12,10 @@
 
 namespace tarvik {
 
+/// The umask that installations are made with, and the mode of new directories under it.
+constexpr mode_t kInstallUmask = 022;
+constexpr mode_t kDirectoryMode = 0777 & ~kInstallUmask;
+
 /// @return the mode that a planned file is created with.
 mode_t installed_mode(const FSAInstallFileinfo& file);
 

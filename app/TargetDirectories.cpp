@@ -51,6 +51,11 @@ void TargetDirectories::remember(const std::string& path, const struct stat& sta
     known_.insert({path_key(path), {status.st_dev, status.st_ino}});
 }
 
+bool TargetDirectories::knows(const std::string& path) const
+{
+    return known_.count(path_key(path)) != 0;
+}
+
 bool TargetDirectories::is_another(const std::string& path, const struct stat& status) const
 {
     const auto known = known_.find(path_key(path));

@@ -26,6 +26,8 @@ public:
     /// The same for a directory that has been examined.
     void remember(const std::string& path, const struct stat& status);
 
+    bool knows(const std::string& path) const;
+
     /// @return whether another directory than this one is known by that path.
     bool is_another(const std::string& path, const struct stat& status) const;
 

@@ -1,5 +1,6 @@
 #include "app/application.h"
 
+#include "app/FileCopier.h"
 #include "app/FileList.h"
 #include "app/SiteUser.h"
 #include "app/fsappactions.h"
@@ -34,7 +35,6 @@ constexpr char kFileUrl[] = "file:///";
 constexpr std::size_t kFileUrlLength = sizeof kFileUrl - 1;
 constexpr std::size_t kMaxPackagePath = 4096;
 constexpr char kMetadataName[] = "/APP-META.xml";
-constexpr mode_t kInstallUmask = 022;
 
 /// Looking a missing group up by the host library would print a message.
 bool group_exists(const char* name)
