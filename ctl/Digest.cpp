@@ -1,30 +1,24 @@
 #include "ctl/Digest.h"
 
 #include "common/misc.h"
-#include "ctl/Output.h"
+#include "ctl/SideBySide.h"
 #include "ctl/Trouble.h"
 
 #include <openssl/evp.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <memory>
-#include <system_error>
-#include <thread>
 
 namespace tarvik::ctl {
 
 namespace {
 
-constexpr std::size_t kMostThreads = 8;
-constexpr std::size_t kFilesWorthAThread = 64;
 constexpr std::size_t kBufferSize = 128 * 1024;
 
 struct FreeContext {
@@ -86,40 +80,6 @@ private:
     std::vector<char> buffer_;
 };
 
-std::size_t processors()
-{
-    cpu_set_t set;
-    if (::sched_getaffinity(0, sizeof set, &set) != 0)
-        return 1;
-    return static_cast<std::size_t>(CPU_COUNT(&set));
-}
-
-/// Threads that are joined at the end, however it comes.
-class Threads {
-public:
-    template <class Work>
-    void start(std::size_t count, const Work& work)
-    {
-        try {
-            while (threads_.size() < count)
-                threads_.emplace_back(work);
-        } catch (const std::system_error&) {
-            return;  // those that run, and the caller, do it alone
-        }
-    }
-    Threads() = default;
-    Threads(const Threads&) = delete;
-    Threads& operator=(const Threads&) = delete;
-    ~Threads()
-    {
-        for (std::thread& thread : threads_)
-            thread.join();
-    }
-
-private:
-    std::vector<std::thread> threads_;
-};
-
 }  // namespace
 
 std::vector<Digest> digests(const std::string& directory, const std::vector<std::string>& paths)
@@ -133,21 +93,11 @@ std::vector<Digest> digests(const std::string& directory, const std::vector<std:
     const Algorithm algorithm(EVP_MD_fetch(nullptr, "SHA256", nullptr));
     if (!algorithm)
         throw Trouble("the cryptographic library has no SHA-256");
-    Progress progress("Reading", paths.size());
-    std::atomic<std::size_t> next {0};
-    const auto read_some = [&](Progress* shown) {
+    side_by_side("Reading", paths.size(), [&](Pieces& pieces) {
         Reader reader(algorithm.get());
-        for (std::size_t i; (i = next++) < paths.size();) {
+        for (std::size_t i; pieces.take(i);)
             results[i] = reader.read(top.get(), paths[i]);
-            if (shown != nullptr)
-                shown->show(i);
-        }
-    };
-    const std::size_t most =
-        std::min({processors(), kMostThreads, paths.size() / kFilesWorthAThread + 1});
-    Threads others;
-    others.start(most - 1, [&] { read_some(nullptr); });
-    read_some(&progress);
+    });
     return results;
 }
 

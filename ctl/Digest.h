@@ -6,8 +6,6 @@
 
 namespace tarvik::ctl {
 
-class Progress;
-
 /// What came of reading one file.
 struct Digest {
     std::string sha256;  ///< in hexadecimal digits; empty when it could not be read
@@ -15,8 +13,7 @@ struct Digest {
 };
 
 /**
- * Reads files side by side, with as many threads as there are processors for this process, up to 8;
- * fewer where the system refuses them. A process that has started threads must not fork any more.
+ * Reads files side by side; a process that has done so must not fork any more.
  * @param directory  what the paths are relative to; links in them are followed, no pipe or device
  * is read.
  * @return the digests, in the order of the paths.

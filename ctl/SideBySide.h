@@ -1,0 +1,39 @@
+#pragma once
+
+#include "ctl/Output.h"
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <thread>
+
+namespace tarvik::ctl {
+
+/// Numbered pieces of work, for threads to take one after the other.
+class Pieces {
+public:
+    Pieces(const char* what, std::size_t count) : progress_(what, count), count_(count) { }
+
+    /// @param piece  receives the number of one that nobody else gets. @return false: none is left.
+    bool take(std::size_t& piece);
+    /// The same for a run of them, so that threads are in different directories most of the time.
+    /// @param end  receives the number behind the last.
+    bool take(std::size_t& begin, std::size_t& end);
+
+private:
+    Progress progress_;
+    const std::thread::id shower_ = std::this_thread::get_id();
+    const std::size_t count_;
+    std::atomic<std::size_t> next_ {0};
+};
+
+/**
+ * Does what has to do with many files, with as many threads as there are processors for this
+ * process, up to 8; fewer where the system refuses them. A process that has started threads must
+ * not fork any more.
+ * @param what  said of it while it takes long, as for a Progress.
+ * @param work  called in each thread; takes pieces until none is left, and must not throw there.
+ */
+void side_by_side(const char* what, std::size_t count, const std::function<void(Pieces&)>& work);
+
+}  // namespace tarvik::ctl
