@@ -72,6 +72,13 @@ void append_escaped(std::string& out, std::string_view bytes)
     }
 }
 
+/// Most texts are.
+bool is_plain(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char byte) { return byte >= 0x20 && byte < 0x7f && byte != '\\'; });
+}
+
 /// The columns that a printable text takes, wide characters counted as one.
 std::size_t width(const std::string& text)
 {
@@ -83,6 +90,8 @@ std::size_t width(const std::string& text)
 
 std::string printable(std::string_view text)
 {
+    if (is_plain(text))
+        return std::string(text);
     std::string out;
     while (!text.empty()) {
         const Character next = first_character(text);
@@ -131,18 +140,18 @@ Rows::~Rows()
 
 void Rows::add(std::vector<std::string> cells, Tone tone)
 {
-    for (std::string& cell : cells)
-        cell = printable(cell);
+    for (std::string& cell : cells) {
+        if (!is_plain(cell))
+            cell = printable(cell);
+    }
     if (aligned_) {
         rows_.push_back({std::move(cells), tone});
         return;
     }
-    const char* between = "";
-    for (const std::string& cell : cells) {
-        std::cout << between << cell;
-        between = " ";
-    }
-    std::cout << '\n';
+    line_.clear();
+    for (const std::string& cell : cells)
+        line_.append(line_.empty() ? "" : " ").append(cell);
+    std::cout << (line_ += '\n');
 }
 
 Progress::Progress(const char* what, std::size_t total)

@@ -43,6 +43,7 @@ private:
 
     bool aligned_;
     std::vector<Row> rows_;
+    std::string line_;
 };
 
 /**
