@@ -1,13 +1,26 @@
 #pragma once
 
-#include "app/InstallPlan.h"
-
 #include <string>
 #include <vector>
 
-namespace tarvik::ctl {
+namespace tarvik {
 
+struct InstallPlan;
+
+namespace ctl {
+
+/// @return a relative path without empty and "." elements; empty for the directory that it starts
+///         from. ".." stays: what it leads to depends on links.
 std::string plain_path(const std::string& path);
+
+/**
+ * What an installation leaves in the application's directory, the directory itself as the empty
+ * path: its targets and the directories above them, which it makes where they are missing. Plainly
+ * spelled, each path once, parents first. A directory that is named by way of ".." is there by a
+ * name of its own.
+ */
 std::vector<std::string> installed_paths(const InstallPlan& plan);
 
-}  // namespace tarvik::ctl
+}  // namespace ctl
+
+}  // namespace tarvik
