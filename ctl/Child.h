@@ -23,6 +23,10 @@ int run_in_child(const std::function<int()>& work);
 /// directory. @throws Trouble when there is no such user, or it is root.
 int run_as(const std::string& user, const std::function<int()>& work);
 
+/// In place of a return from the work, ends its process without giving back what it has allocated:
+/// of large work that would take a tenth of the time.
+[[noreturn]] void end_child(int status);
+
 /// Work that has an answer, done as that user while this process goes on. Nothing else may be
 /// written on standard output in it.
 class Question {
