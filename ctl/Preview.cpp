@@ -45,9 +45,9 @@ SharedAccounts shared_accounts()
             quiet_group_id(kClientsGroup)};
 }
 
-std::vector<Finding> missing_accounts(const SharedAccounts& accounts)
+std::vector<Foreseen> missing_accounts(const SharedAccounts& accounts)
 {
-    std::vector<Finding> missing;
+    std::vector<Foreseen> missing;
     if (accounts.webServer == 0)
         missing.push_back({kWebServerUser, kNoUser});
     if (accounts.services == 0)
@@ -69,9 +69,9 @@ bool Preview::changes() const
         || std::any_of(steps.begin(), steps.end(), [](const Step& step) { return step.changes(); });
 }
 
-std::vector<Finding> host_failures(const Site& site)
+std::vector<Foreseen> host_failures(const Site& site)
 {
-    std::vector<Finding> failures;
+    std::vector<Foreseen> failures;
     if (quiet_group_id(kClientsGroup) == 0)
         failures.push_back({kClientsGroup, kNoGroup});
     if (!is_directory(site.vhostPath.c_str()))
@@ -99,7 +99,7 @@ Preview preview_extraction(const InstallPlan& plan, const std::string& packageDi
         rehearsal.widen(plan);
     Preview preview = rehearsal.finish();
     if (widens) {
-        for (Finding& missing : missing_accounts(accounts))
+        for (Foreseen& missing : missing_accounts(accounts))
             preview.warnings.push_back(std::move(missing));
     }
     find_at_stake(files, appDir, known, preview);

@@ -36,8 +36,8 @@ struct Step {
     std::string path = {};  ///< in the application's directory, "." for itself; absolute above it
 };
 
-/// What is wrong in one place.
-struct Finding {
+/// What will go wrong in one place.
+struct Foreseen {
     std::string path;  ///< as in steps
     std::string reason;
 };
@@ -50,20 +50,20 @@ struct Preview {
     /// @return whether an extraction would do or meet anything but what is there already.
     bool changes() const;
 
-    std::vector<Step> steps;        ///< one for each entry, in the order of the first change
-    std::vector<Finding> failures;  ///< an extraction ends at the first; what depends on one of
-                                    ///< them is not told
-    std::vector<Finding> warnings;  ///< what it goes on with, but leaves undone
-    bool undoes = false;            ///< at the first failure the targets are removed
+    std::vector<Step> steps;         ///< one for each entry, in the order of the first change
+    std::vector<Foreseen> failures;  ///< an extraction ends at the first; what depends on one of
+                                     ///< them is not told
+    std::vector<Foreseen> warnings;  ///< what it goes on with, but leaves undone
+    bool undoes = false;             ///< at the first failure the targets are removed
     /// What is in the site now and would be gone after a removal of the targets: at the first
     /// failure or, where none is foreseen, at one that nobody can foresee. In no order.
     std::vector<std::string> atStake;
-    std::vector<Finding> removalEnds;  ///< where such a removal ends early, with part of that left
+    std::vector<Foreseen> removalEnds;  ///< where such a removal ends early, with part of that left
 };
 
 /// @return what an extraction ends with before it looks at package or site: for root, who alone
 ///         may look at all of it.
-std::vector<Finding> host_failures(const Site& site);
+std::vector<Foreseen> host_failures(const Site& site);
 
 /**
  * Tells what an extraction would do, by its own plan; the host must be as `host_failures` wants it.

@@ -100,9 +100,9 @@ void show_step(Rows& rows, const Step& step)
         rows.add({words.action, type_of(step), step.path}, words.tone);
 }
 
-void show_findings(Rows& rows, const char* what, const std::vector<Finding>& findings, Tone tone)
+void show_findings(Rows& rows, const char* what, const std::vector<Foreseen>& findings, Tone tone)
 {
-    for (const Finding& finding : findings)
+    for (const Foreseen& finding : findings)
         rows.add({what, finding.path + ": " + finding.reason}, tone);
 }
 
@@ -179,7 +179,7 @@ Json step_json(const Step& step)
     return json;
 }
 
-Json finding_json(const Finding& finding)
+Json finding_json(const Foreseen& finding)
 {
     return {{"path", finding.path}, {"reason", finding.reason}};
 }
