@@ -6,6 +6,7 @@
 #include "ctl/Manifest.h"
 #include "ctl/Output.h"
 #include "ctl/PackageCheck.h"
+#include "ctl/Preview.h"
 #include "ctl/QuietErrors.h"
 #include "ctl/Trouble.h"
 
@@ -50,6 +51,14 @@ InstallPlan plan_quietly(const PackageSource& package, const Site& site,
     return plan_install(package.directory, appDir, metadata);
 }
 
+std::string as_lines(const std::vector<Foreseen>& failures)
+{
+    std::string lines;
+    for (const auto& [path, reason] : failures)
+        lines += "fail " + printable(path) + ": " + printable(reason) + '\n';
+    return lines;
+}
+
 }  // namespace
 
 void require_sound(const PackageSource& package)
@@ -63,6 +72,23 @@ void require_sound(const PackageSource& package)
     }
     if (!sound)
         throw Trouble("the package has mistakes; --force goes on with them");
+}
+
+void require_feasible(const PackageSource& package, const Site& site, const DeployOptions& options)
+{
+    std::string report = as_lines(host_failures(site));
+    if (report.empty()) {
+        const FSAMetaDataReader metadata = read_metadata(package);
+        report = ask_as(site.userName, [&] {
+            const InstallPlan plan = plan_quietly(package, site, metadata);
+            return as_lines(preview_extraction(plan, package.directory, site.application_dir(),
+                                               options.skipWebserverWrite)
+                                .failures);
+        });
+    }
+    std::cerr << report;
+    if (!report.empty())
+        throw Trouble("the extraction would fail; --force tries it all the same");
 }
 
 Planning::Planning(const PackageSource& package, const Site& site, const DeployOptions& options)

@@ -14,6 +14,9 @@ namespace tarvik::ctl {
 /// Refuses a package with mistakes, which are reported on standard error. @throws Trouble
 void require_sound(const PackageSource& package);
 
+/// Refuses an extraction that is known to fail; why is reported on standard error. @throws Trouble
+void require_feasible(const PackageSource& package, const Site& site, const DeployOptions& options);
+
 /// What an installation will put where, found out while this process goes on.
 class Planning {
 public:

@@ -57,6 +57,8 @@ Begun begin(const Words& words, const std::string& name, const Site& site)
     if (known && known->site.application_dir() != site.application_dir())
         throw Trouble("instance " + name + " is being deployed to "
                       + known->site.application_dir());
+    if (!words.force)
+        require_feasible(words.package, site, words.options);
     InstanceRecord record;
     record.name = name;
     record.site = site;

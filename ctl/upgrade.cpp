@@ -157,6 +157,8 @@ int upgrade(int argc, char** argv)
     load_files(name, record.current);
     const Release next = planning.release();
     const bool settled = settle_exchange(record);
+    if (words.inPlace && !words.force)
+        require_feasible(words.package, record.site, next.options);
     if (words.inPlace)
         upgrade_in_place(record, words, next);
     else if (!settled

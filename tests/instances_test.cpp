@@ -149,7 +149,12 @@ TEST_F(Instances, AreNotDeployedByMistake)
     EXPECT_EQ(ctl({"deploy"}).err.substr(0, 6), "error ");
     EXPECT_EQ(ctl({"deploy", "--force"}).status, 1);
     EXPECT_EQ(zendrelctl({"instances"}), prints(""));
-    site_.shell("rm package/htdocs/dangling; touch package/scripts/fails");
+    site_.shell("rm package/htdocs/dangling; touch package/scripts/fails; mkdir -p vhost/httpdocs/app/index.html/x; "
+                "chown -R alice: vhost/httpdocs/app");
+    EXPECT_EQ(ctl({"deploy"}).err,
+              "fail index.html: Directory not empty\nzendrelctl: the extraction would fail; --force "
+              "tries it all the same\n");
+    site_.shell("rm -r vhost/httpdocs/app");
     EXPECT_EQ(ctl({"deploy", "--script"}).err, "zendrelctl: the package's script ended install with status 1\n");
     EXPECT_EQ(plain(zendrelctl({"instances"})), prints("vhost-app shop 2-7 deploying @/vhost/httpdocs/app\n"));
     EXPECT_EQ(ctl({"upgrade", site_.path("package")}), fails("instance vhost-app is recorded as deploying"));
