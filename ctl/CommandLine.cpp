@@ -32,6 +32,11 @@ void CommandLine::package(PackageSource& source)
           "metadata to read in place of the package's own APP-META.xml");
 }
 
+void CommandLine::wait(unsigned& seconds)
+{
+    add()("wait", po::value(&seconds), "seconds to wait for another command at work (0)");
+}
+
 void CommandLine::site(SiteOptions& options)
 {
     add()("vhost-path", po::value(&options.site.vhostPath), "the virtual host's directory");

@@ -25,6 +25,8 @@ public:
     void operand(const char* name, std::string& variable);
     /// The operand PACKAGE and the option that goes with it.
     void package(PackageSource& source);
+    /// The option for commands that change an instance. @param seconds  0 unless it is given.
+    void wait(unsigned& seconds);
     /// The options that name a site.
     void site(SiteOptions& options);
 

@@ -60,6 +60,24 @@ void save_new(InstanceRecord& record);
 /// Removes the record with its list.
 void forget(const std::string& name);
 
+/// A recorded instance that no other command changes meanwhile.
+class LockedInstance {
+public:
+    /// @param command, seconds  as for an InstanceLock. @throws Trouble as that and
+    /// require_instance.
+    LockedInstance(const SiteOptions& options, const std::string& command, unsigned seconds)
+        : name_(require_instance(options).name), lock_(name_, command, seconds),
+          record_(require_instance({{}, name_}))  // as it is now
+    {
+    }
+    InstanceRecord& record() { return record_; }
+
+private:
+    std::string name_;
+    InstanceLock lock_;
+    InstanceRecord record_;
+};
+
 /// @return the file with the list of the instance's files. `save` keeps it as the record has it.
 std::string list_path(const std::string& name);
 

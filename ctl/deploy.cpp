@@ -39,7 +39,7 @@ bool parse(int argc, char** argv, Words& words)
     line.add()("apache-conf", po::value(&words.options.apacheConf),
                "write the Apache file of that name");
     line.add()("force", flag(words.force), "go on with a package that has mistakes");
-    line.add()("wait", po::value(&words.wait), "seconds to wait for another command at work");
+    line.wait(words.wait);
     return line.parse(argc, argv);
 }
 

@@ -34,12 +34,12 @@ int remove(int argc, char** argv)
     line.add()("skip-script", flag(skipScript), "do not run the package's script");
     line.add()("script-parameter", po::value(&parameters),
                "a word for the script, in place of those given at the deployment");
-    line.add()("wait", po::value(&wait), "seconds to wait for another command at work");
+    line.wait(wait);
     if (!line.parse(argc, argv))
         return kDone;
-    const std::string name = require_instance(options).name;
-    const InstanceLock lock(name, argv[0], wait);
-    InstanceRecord record = require_instance({{}, name});  // as it is now
+    LockedInstance instance(options, argv[0], wait);
+    InstanceRecord& record = instance.record();
+    const std::string& name = record.name;
     load_files(name, record.current);
     settle_exchange(record);
 

@@ -9,8 +9,6 @@
 
 #include <iostream>
 
-namespace po = boost::program_options;
-
 namespace tarvik::ctl {
 
 namespace {
@@ -47,12 +45,12 @@ int rollback(int argc, char** argv)
     unsigned wait = 0;
     CommandLine line("rollback SITE", kSummary);
     line.site(options);
-    line.add()("wait", po::value(&wait), "seconds to wait for another command at work");
+    line.wait(wait);
     if (!line.parse(argc, argv))
         return kDone;
-    const std::string name = require_instance(options).name;
-    const InstanceLock lock(name, argv[0], wait);
-    InstanceRecord record = require_instance({{}, name});  // as it is now
+    LockedInstance instance(options, argv[0], wait);
+    InstanceRecord& record = instance.record();
+    const std::string& name = record.name;
     load_files(name, record.current);
     const std::string before = full_version(record.current);
     const bool wasRollback = record.exchange && record.exchange->command == kCommand;

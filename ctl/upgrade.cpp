@@ -51,7 +51,7 @@ bool parse(int argc, char** argv, Words& words)
                "install over the running tree where it cannot be exchanged; nothing is kept");
     line.add()("keep", po::value(&words.keep), "how many old trees are kept (1)");
     line.add()("force", flag(words.force), "go on with a package that has mistakes");
-    line.add()("wait", po::value(&words.wait), "seconds to wait for another command at work");
+    line.wait(words.wait);
     return line.parse(argc, argv);
 }
 
@@ -147,9 +147,9 @@ int upgrade(int argc, char** argv)
     words.package = settled(words.package);
     if (!words.force)
         require_sound(words.package);
-    const std::string name = require_instance(words.site).name;
-    const InstanceLock lock(name, argv[0], words.wait);
-    InstanceRecord record = require_instance({{}, name});  // as it is now
+    LockedInstance instance(words.site, argv[0], words.wait);
+    InstanceRecord& record = instance.record();
+    const std::string& name = record.name;
     if (record.state != State::Installed)
         throw Trouble("instance " + name + " is recorded as " + state_name(record.state));
     const std::string before = full_version(record.current);
