@@ -23,17 +23,35 @@ namespace tarvik::ctl {
 
 namespace {
 
-/// @return why this process can remove nothing from a directory; 0: it can. One of its own that the
-/// installation puts something into is opened by that.
-int removal_denial(int place, const std::string& path, const TargetDirectories& known)
+/// What this process may remove from one directory.
+struct Rights {
+    /// @return why it cannot remove an entry; 0: it can.
+    int denial_of(int place, const char* name) const
+    {
+        struct stat status;
+        if (denial != 0 || !sticky)
+            return denial;
+        const bool found = ::fstatat(place, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+        return found && status.st_uid != ::geteuid() ? EPERM : 0;
+    }
+
+    int denial = 0;       ///< of all of it
+    bool sticky = false;  ///< it may only remove what is its own
+};
+
+/// A directory of its own that the installation puts something into is opened by that.
+Rights rights_in(int place, const std::string& path, const TargetDirectories& known)
 {
+    Rights rights;
     struct stat status;
-    if (::access(descriptor_path(place).c_str(), W_OK | X_OK) == 0)
-        return 0;
-    const int error = errno;
-    return ::fstat(place, &status) == 0 && status.st_uid == ::geteuid() && known.knows(path)
-        ? 0
-        : error;
+    if (place < 0 || ::fstat(place, &status) != 0)
+        return {errno, false};
+    if (::access(descriptor_path(place).c_str(), W_OK | X_OK) != 0)
+        rights.denial = errno;
+    if (status.st_uid == ::geteuid())
+        return {known.knows(path) ? 0 : rights.denial, false};
+    rights.sticky = (status.st_mode & S_ISVTX) != 0;
+    return rights;
 }
 
 /// Lists the tree below one directory, as far as it can be removed.
@@ -52,26 +70,19 @@ public:
     bool add(const std::string& below, const std::string& path, const std::string& shown)
     try {
         const int place = chain_.at(below);
-        const int denial = place < 0 ? errno : removal_denial(place, path, known_);
+        const Rights rights = rights_in(place, path, known_);
         const std::string opened = descriptor_path(place);
         const auto entries = read_directory(
             TDescriptor(place < 0 ? -1
                                   : ::open(opened.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
             path);
         listed_.insert(path);
-        bool all = denial == 0 || entries.empty();
+        bool all = rights.denial == 0 || entries.empty();
         if (!all)
-            preview_.removalEnds.push_back({shown.empty() ? "." : shown, std::strerror(denial)});
-        for (const auto& [name, type] : entries) {
-            const std::string entryShown = path_below(shown, name);
-            const std::size_t index = preview_.atStake.size();
-            preview_.atStake.push_back(denial == 0 ? entryShown : "");
-            if (is_directory(below, name, type)
-                && !add(path_below(below, name), join(path, name), entryShown)) {
-                preview_.atStake[index].clear();
-                all = false;
-            }
-        }
+            preview_.removalEnds.push_back(
+                {shown.empty() ? "." : shown, std::strerror(rights.denial)});
+        for (const auto& [name, type] : entries)
+            all = add_entry(below, path, path_below(shown, name), {name, type}, rights) && all;
         return all;
     } catch (const fs::filesystem_error& e) {
         if (e.code().value() == EACCES && known_.knows(path)) {  // opened by then
@@ -83,6 +94,23 @@ public:
     }
 
 private:
+    bool add_entry(const std::string& below, const std::string& path, const std::string& shown,
+                   const ListedEntry& entry, const Rights& rights)
+    {
+        const std::string& name = entry.path;
+        const int denial =
+            rights.sticky ? rights.denial_of(chain_.at(below), name.c_str()) : rights.denial;
+        if (denial != rights.denial)
+            preview_.removalEnds.push_back({shown, std::strerror(denial)});
+        const std::size_t index = preview_.atStake.size();
+        preview_.atStake.push_back(denial == 0 ? shown : "");
+        if (!is_directory(below, name, entry.type)
+            || add(path_below(below, name), join(path, name), shown))
+            return denial == 0;
+        preview_.atStake[index].clear();
+        return false;
+    }
+
     bool is_directory(const std::string& below, const std::string& name, EntryType type)
     {
         struct stat status;
@@ -126,11 +154,12 @@ public:
         const bool followed = target.empty() && S_ISLNK(status.st_mode);
         const std::size_t index = preview_.atStake.size();
         preview_.atStake.push_back(target.empty() ? "." : target);
-        bool goes = parentDenial_ == 0 && !followed && name != "..";
+        const int denial = rights_.denial_of(parent_.get(), name.c_str());
+        bool goes = denial == 0 && !followed && name != "..";
         if (S_ISDIR(status.st_mode) || followed)
             goes = add_tree(target, path) && goes;
-        else if (parentDenial_ != 0)
-            preview_.removalEnds.push_back({target, std::strerror(parentDenial_)});
+        else if (denial != 0)
+            preview_.removalEnds.push_back({target, std::strerror(denial)});
         if (!goes)
             preview_.atStake[index].clear();
     }
@@ -144,7 +173,7 @@ private:
         struct stat status;
         const bool looked_for = listed_.count(path) == 0 && ::stat(path.c_str(), &status) == 0;
         parent_ = looked_for ? known_.open(path) : TDescriptor();
-        parentDenial_ = parent_ ? removal_denial(parent_.get(), path, known_) : 0;
+        rights_ = parent_ ? rights_in(parent_.get(), path, known_) : Rights();
     }
 
     bool add_tree(const std::string& target, const std::string& path)
@@ -161,7 +190,7 @@ private:
     std::size_t lastEnd_ = 0;  ///< of its parent
     std::string parentPath_;
     TDescriptor parent_;  ///< none when what is in it is listed, or is not there
-    int parentDenial_ = 0;
+    Rights rights_;       ///< in it
 };
 
 }  // namespace

@@ -256,6 +256,32 @@ TEST_F(Plan, ForetellsWhatAnExtractionDoesToAnySite)
     }
 }
 
+/// What chance seldom comes to.
+TEST_F(Plan, ForetellsWhatIsRare)
+{
+    const std::string prepare[] = {
+        "chown alice:oxaserv data; chmod 2755 data",  // loses the bit, as alice is not in the group
+        "chown alice:oxacln data; chmod 2755 data",
+        "chown alice:oxaserv . data; chmod 2755 .",  // hands its group on
+        "mkdir bin; chown bob bin; chmod 1777 bin; echo >bin/p; chown www-data bin/p",
+        "mkdir bin; chown bob bin; chmod 1777 bin; echo >bin/p; chown alice bin/p",
+        "mkdir real; chown alice real; chmod 500 real; ln -s real bin",  // not opened by way of a link
+        "mkdir real; chown alice real; touch real/kept real/p; ln -s real bin; mkdir -p z/full",
+        "mkdir -p bin; chown alice bin; chmod 500 bin; touch bin/kept; mkdir -p a/full",  // fails before it is opened
+        "mkdir -p bin/p; touch data/f; chown bob data/f; chmod 777 data",
+        "rm -r data; mkdir real; ln -s real data",
+        "cp -p ../../../package/htdocs/a .; touch -d 2000-01-01 a; chown bob a",
+    };
+    for (const std::string& commands : prepare) {
+        SCOPED_TRACE(commands);
+        package({"a", "bin/p", "data/f", "data/in/g", "z"});
+        site_.shell("a=$PWD/vhost/httpdocs/app; rm -rf $a; mkdir -p $a/data; chown -R alice:oxacln $a; cd $a\n"
+                    + commands);
+        if (compare())
+            compare();
+    }
+}
+
 TEST_F(Plan, IsReadByPeople)
 {
     package({"a", "bin/p", "data/f", "data/in/g", "\xff\n"});
