@@ -22,6 +22,8 @@ PackageSource settled(PackageSource package)
     if (::stat(package.directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
         throw Trouble("no directory with an unpacked package: " + package.directory);
     package.directory = fs::absolute(package.directory).native();
+    while (package.directory.size() > 1 && package.directory.back() == '/')
+        package.directory.pop_back();
     if (!package.metadataFile.empty())
         package.metadataFile = fs::absolute(package.metadataFile).native();
     // What zendrel asks for, also where other metadata is read in its place.
