@@ -32,8 +32,30 @@ TEST(ConfReadFile, CutsNameAndValueOutOfALine)
         conf_table* const table = new_table();
         EXPECT_EQ(conf_read_file_r(kFile, table), 0) << why;
         EXPECT_EQ(conf_get_r("KEY", table), value) << why;
+        EXPECT_EQ(table->sorted, 1) << why;
         conf_free_r(table);
     }
+    conf_free_r(nullptr);
+    for (int c = 1; c < 256; ++c) {
+        std::string line = std::string(1, static_cast<char>(c)) + " v\n";
+        const bool names = c < 128 && (isalnum(c) != 0 || c == '_');
+        EXPECT_EQ(conf_parse_line(line.data()).kind == CONF_LINE_DEFINITION, names) << c;
+    }
+}
+
+TEST(ConfReadFile, SaysWhyItCannot)
+{
+    EXPECT_EQ(in_child([] {
+                  LogLevel = 12;
+                  for (const char* path : {"/no", "/etc"}) {
+                      const int result = conf_read_file_r(path, new_table());
+                      tarvik_log(1, "%d %d", result, errno);
+                  }
+                  _exit(0);  // with the tables
+              }),
+              says_twice(0,
+                         "unable to open configuration file /no: No such file or directory\n\n-1 2\n"
+                         "Unable to read configuration file: Is a directory\n-1 21\n"));
 }
 
 TEST(ConfTable, GrowsAndFindsNamesSortedOrNot)
@@ -63,15 +85,20 @@ TEST(OxaConf, TriesAgainUntilTheFileIsThereAndThenKeepsIt)
 {
     EXPECT_EQ(in_child([] {
                   const auto show = [](const char* value) { tarvik_log(1, "%s", value != nullptr ? value : "(none)"); };
-                  LogLevel = 12;  // silent until here
                   std::remove(kFile);
+                  LogLevel = 11;  // silent up to here
+                  oxaConfGet("A");
+                  LogLevel = 12;
+                  arrayInitialized = 0;
+                  theOxaConfArray[OXA_HTTPD_VHOSTS_D] = "from before the first lookup";
                   show(oxaConfGetByIndex(OXA_HTTPD_VHOSTS_D));
-                  std::ofstream(kFile) << " \n#c\nHTTPD_VHOSTS_D /srv\nC #c\n_MAX_POSSIBLE_OXA_CONF_VAR_NAME x\nLAST";
+                  std::ofstream(kFile) << " \n#c\nHTTPD_VHOSTS_D /srv\n \tC #c\n"
+                                          "_MAX_POSSIBLE_OXA_CONF_VAR_NAME x\nLAST";
                   show(oxaConfGetByIndex(OXA_HTTPD_VHOSTS_D));
                   std::remove(kFile);
                   show(oxaConfGet("_MAX_POSSIBLE_OXA_CONF_VAR_NAME"));
                   theOxaConfArray[OXA_PRODUCT_ROOT_D] = "kept";  // a filled slot is not looked up
-                  LogLevel = 6;
+                  LogLevel = 3;
                   for (const char* name : {"PRODUCT_ROOT_D", "_MIN_POSSIBLE_OXA_CONF_VAR_NAME", "SA_MAX_MAIL_SIZE",
                                            "_MAX_POSSIBLE_OXA_CONF_VAR_NAME"})
                       show(oxaConfGetDefault(name));
