@@ -47,6 +47,12 @@ std::string error_of(Body body)
     }
 }
 
+template <std::size_t... Number>
+TEArgs listed(std::index_sequence<Number...>)
+{
+    return {(static_cast<void>(Number), "a")...};
+}
+
 /// The error's text, or the output.
 std::string captured(const TExecsList& list)
 {
@@ -68,6 +74,18 @@ TEST(TEArgs, HoldsAHundredStringsAndSaysWhyNotMore)
     EXPECT_EQ(error_of([&] { static_cast<void>(args[90]); }), "Wrong index (index = 90)");
     EXPECT_EQ(error_of([&] { static_cast<void>(args[3'000'000'000]); }), "Wrong index (index = 3000000000)");
     EXPECT_EQ(error_of([] { TExec(el).execute(); }), "Bad execute arguments");
+    EXPECT_EQ(listed(std::make_index_sequence<100>()).size(), 100U);
+    try {
+        listed(std::make_index_sequence<101>());
+        FAIL();
+    } catch (const TEArgs::TOverflow& e) {
+        EXPECT_EQ(e.args().size(), 0U);
+    }
+    try {
+        static_cast<void>(args[91]);
+    } catch (const TEArgs::TOutOfRange& e) {
+        EXPECT_EQ(e.args().size(), 90U);
+    }
 }
 
 TEST(TEArgs, CopiesStayAsTheyWere)
@@ -115,7 +133,12 @@ TEST(TExec, ReturnsTheChildAndItsExitCode)
               (Result {0, "No such file or directory", "", 0}));
     TExec missing = (sh("") ^ path_mode) * exit_without_program();
     EXPECT_EQ(missing.execute().exit_code, 127);
-    EXPECT_EQ(error_of([&] { (missing ^ fork_mode).execute(); }), "No such file or directory");
+    try {
+        (missing ^ fork_mode).execute();
+        FAIL();
+    } catch (const TSysCallErr& e) {
+        EXPECT_EQ(e.what() + xtos(unsigned(e.errorNumber())), "No such file or directory2");
+    }
     const pid_t invalid = std::numeric_limits<pid_t>::min();
     EXPECT_EQ(error_of([&] { wait_process(invalid); }), "waitpid() failed: No such process");
 }
@@ -148,6 +171,10 @@ struct Leaving : TExec::TPrepare {
 
 struct Refusing : TExec::TPrepare {
     void bef_fork(TExec&) override { throw TError("refused"); }
+};
+
+struct Resigned : TExec::TPrepare {
+    bool fork_failed(TExec&) override { return false; }
 };
 
 [[noreturn]] void run_told(TExec exec, bool may_fork, bool second_is_error)
@@ -188,6 +215,15 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
         const auto body = [] { run_told(std::get<1>(*current), std::get<2>(*current), std::get<3>(*current)); };
         EXPECT_EQ(in_child(body), (Result {9, out, err, 0})) << why;
     }
+    EXPECT_EQ(in_child([] {
+                  const rlimit none = {};
+                  if (setrlimit(RLIMIT_NPROC, &none) == 0 && setuid(kAlice) == 0)
+                      std::cout << error_of([] { sh("").execute(); });
+                  std::vector<pid_t> unwaited;
+                  TExecsList((sh("") * make_prepare<Resigned>()) & ~wait_mode).execute(unwaited);
+                  std::cout << unwaited.size();
+              }),
+              (Result {0, "Resource temporarily unavailable0", "", 0}));
     TExec emptied = std::get<TExec>(cases[2]) * Handle<TExec::TPrepare>();
     emptied += emptied.prepare();
     EXPECT_TRUE(emptied.prepare()->exec_failed(emptied));
@@ -279,11 +315,15 @@ TEST(Pipelines, CarryMoreThanAPipeHoldsAndLeaveNothingOpen)
     EXPECT_EQ(in_child([] { (sh("") | (TExec({"ls", "/proc/self/fd"}) ^ fork_mode)).execute(); }).out, open_in_child);
     const TExec busy = cat & TRedirect(3, 2) & TRedirect(4, 2) & TRedirect(5, 2) & TRedirect(6, 2);
     EXPECT_EQ(captured((busy << "x") | (busy | busy)), "x");
-    {
-        TExecsList refused = large | (cat * make_prepare<Refusing>());
+    const TExec refusing = cat * make_prepare<Refusing>();
+    for (TExecsList refused : {large | refusing, large | (cat | refusing)}) {
         EXPECT_EQ(error_of([&] { refused.execute(); }), "refused");
         EXPECT_EQ(open_descriptors(), before);
     }
+    // Whoever feeds a program holds nothing of its own.
+    EXPECT_EQ(captured(sh("head -c 1 >/dev/null; read feeder rest </proc/$$/task/$$/children; ls /proc/$feeder/fd")
+                       << kLarge),
+              "0\n1\n");
     while (wait(nullptr) > 0) { }  // the writers above lost their reader, so they end
     EXPECT_EQ(open_descriptors(), before);
 }
