@@ -140,23 +140,39 @@ TEST(Metadata, MayBeInTwoByteCharactersAndLoadsNoConversion)
 
 TEST(Metadata, IsReadUpToItsLimits)
 {
-    const std::pair<std::size_t, std::string (*)(int)> limits[] = {
-        {256, [](int n) { return "<x" + many(n, " a", "=''") + "/>"; }},
-        {100'000 - 8, [](int n) { return repeated(n, "<x/>"); }},  // beside the root and its fields
-        {16 * 1024 * 1024 - package(kNamed).size(),
+    static const auto plain = [](const std::string& content) { return package(kNamed + content); };
+    static const auto typed = [](const std::string& declarations, const std::string& content = "") {
+        return "<!DOCTYPE x [" + declarations + "]>" + plain(content);
+    };
+    // What is accepted, what is not, and a document for each number.
+    const std::tuple<std::size_t, std::size_t, std::string (*)(int)> limits[] = {
+        {256, 257, [](int n) { return plain("<x" + many(n, " a", "=''") + "/>"); }},
+        {61, 62, [](int n) { return plain("<x" + many(n, " xmlns:n", "='u'") + "/>"); }},  // beside the root's
+        {100'000 - 8, 100'000 - 7, [](int n) { return plain(repeated(n, "<x/>")); }},  // beside the root and its fields
+        {499'980, 500'001, [](int n) { return plain(repeated(n, "<?p?>")); }},
+        {64'000, 68'000, [](int n) { return plain("<!--" + std::string(n, 'c') + "-->"); }},
+        {4 * 1024 * 1024 - 3, 4 * 1024 * 1024 - 2,  // two nodes and the name are counted, too
          [](int n) {
-             return repeated(n / 1'024, "<!--" + std::string(1'017, 'c') + "-->") + std::string(n % 1'024, 't');
+             const std::string language = "configuration-script-language>";
+             return plain("<" + language + std::string(n, 't') + "</" + language);
          }},
+        {16 * 1024 * 1024 - plain("").size(), 16 * 1024 * 1024 - plain("").size() + 1,
+         [](int n) {
+             return plain(repeated(n / 1'024, "<!--" + std::string(1'017, 'c') + "-->") + std::string(n % 1'024, 't'));
+         }},
+        {1'000, 1'001, [](int n) { return typed("<!ATTLIST x a (" + many(n - 1, "n", "|") + "n) #IMPLIED>"); }},
+        {1'000, 1'001, [](int n) { return typed(many(n, "<!ENTITY e", " ''>")); }},
+        {1'000, 1'001, [](int n) { return typed(many(n, "<!ATTLIST x a", " CDATA ''>")); }},
+        {1'000, 1'001, [](int n) { return typed(many(n, "<!ELEMENT x", " ANY>")); }},
+        {4'000, 4'001, [](int n) { return typed("<!ENTITY % p ''>" + repeated(n, "%p;")); }},
+        {250, 257, [](int n) { return typed("<!ENTITY % p '" + std::string(1'024, ' ') + "'>" + repeated(n, "%p;")); }},
+        {16'000, 16'385,
+         [](int n) { return typed("<!ENTITY e '" + std::string(1'024, 'e') + "'>", repeated(n, "&e;")); }},
     };
-    for (const auto& [most, content] : limits) {
-        EXPECT_EQ(result_of(package(kNamed + content(static_cast<int>(most)))), "a||||1.0") << most;
-        EXPECT_EQ(result_of(package(kNamed + content(static_cast<int>(most) + 1))), kUnreadable + kFile) << most;
+    for (const auto& [accepted, refused, text] : limits) {
+        EXPECT_EQ(result_of(text(static_cast<int>(accepted))).substr(0, 4), "a|||") << accepted;
+        EXPECT_EQ(result_of(text(static_cast<int>(refused))), kUnreadable + kFile) << refused;
     }
-    const auto listing = [](int values) {
-        return "<!DOCTYPE x [<!ATTLIST x a (" + many(values - 1, "n", "|") + "n) #IMPLIED>]>" + package(kNamed);
-    };
-    EXPECT_EQ(result_of(listing(1'000)), "a||||1.0");
-    EXPECT_EQ(result_of(listing(1'001)), kUnreadable + kFile);
 }
 
 /// Documents of up to 1 MB that make a careless reader use gigabytes or minutes, and what is no local file.
