@@ -114,6 +114,9 @@ TEST_F(Delete, ChecksTheDocumentRootAsTheSiteUser)
     site_.put("closed/", "", 0700, kBob);
     const std::string none = site_.path("none"), closed = site_.docroot("closed");
     EXPECT_EQ(remove("", {"--www-root=" + none}), says(255, "Www root directory" + none + " does not exist\n"));
+    site_.put("file");
+    EXPECT_EQ(remove("", {"--www-root=" + site_.docroot("file")}),
+              says(255, "Cannot chdir to " + site_.docroot("file") + ": Not a directory\n"));
     EXPECT_EQ(remove("", {"--www-root=" + closed}), says(255, "Cannot chdir to " + closed + ": Permission denied\n"));
 }
 

@@ -61,32 +61,42 @@ protected:
 
 TEST_F(Extract, FollowsTheMappings)
 {
-    package({"index.html", "cgi/run.pl", "cgi/x.pl.txt", "cgi/sub.pl/readme", "cgi/xpl", "data/store", "data/d/e",
-             "data/cache/c", "data/cache/open/o", "data/-/b", "off/run.pl"},
+    package({"index.html", "cgi/run.pl", "cgi/x.pl.txt", "cgi/sub.pl/readme", "cgi/xpl", "cgi/.pl", "cgi/X.PL",
+             "no/r.pl", "data/store", "data/d/e", "data/.cache/c", "data/.cache/open/o", "data/-/b", "data/d/plain/p",
+             "both/f", "off/run.pl"},
             "<mapping url='/' path='htdocs'>"
             "<mapping "
             "url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>a.pl</cgi:extension></"
             "cgi:handler></mapping>"
             "<mapping url='off'><cgi:handler><cgi:disabled/></cgi:handler>"
-            "<cgi:handler><cgi:all-files/></cgi:handler></mapping>"
-            "<mapping url='data'><php:permissions writable='true'/><mapping url='./cache//'><mapping "
-            "url='open'><php:permissions writable='true'/></mapping></mapping></mapping>"
+            "<cgi:handler><cgi:all-files/></cgi:handler></mapping><mapping "
+            "url='no'><cgi:handler><cgi:extension>pl</cgi:extension>"
+            "</cgi:handler><cgi:handler><cgi:disabled/></cgi:handler></mapping>"
+            "<mapping url='data'><php:permissions writable='true'/><mapping url='d/plain'/><mapping "
+            "url='./.cache//'><mapping "
+            "url='open/'><php:permissions writable='true'/></mapping></mapping></mapping>"
+            "<mapping url='both'><php:permissions writable='true'/></mapping><mapping url='.//both'/>"
             "<mapping url='exe' path='late'/>"  // siblings are visited in reverse: the first has the last word
-            "<mapping url='exe' path='tools'><cgi:handler><cgi:all-files/></cgi:handler></mapping>"
+            "<mapping url='exe' path='tools'><cgi:handler><cgi:all-files/></cgi:handler><cgi:handler/></mapping>"
             "<mapping url='one' path='late/ping'/><mapping url='gone' path='nowhere'/>"
             "<mapping url='old' virtual='redirect' href='/'/></mapping>");
-    site_.shell("cd package; mkdir tools late; printf pong >tools/pong; printf pung >tools/pung\n"
-                "printf early >tools/ping; printf late >late/ping; chmod 600 tools/p*; chown alice tools/p*");
+    site_.shell(
+        "cd package; mkdir tools late; ln -s missing nowhere; printf pong >tools/pong; printf pung >tools/pung\n"
+        "printf early >tools/ping; printf late >late/ping; chmod 600 tools/p*; chown alice tools/p*");
     site_.put("own", "mine", 0600);
+    site_.put("off/");
     site_.put("exe/");  // a default ACL like umask 133: enough for files as they are created, not for programs
     const std::string acl("\2\0\0\0\1\0\6\0\xff\xff\xff\xff\4\0\4\0\xff\xff\xff\xff\40\0\4\0\xff\xff\xff\xff", 28);
     ASSERT_EQ(setxattr(site_.docroot("exe").c_str(), "system.posix_acl_default", acl.data(), 28, 0), 0);
+    std::string private_acl = acl;  // and one that files must be freed of
+    private_acl[16] = private_acl[24] = 0;
+    ASSERT_EQ(setxattr(site_.docroot("off").c_str(), "system.posix_acl_default", private_acl.data(), 28, 0), 0);
     const std::string expected = R"(
-- 644 alice:oxacln: cgi/sub.pl/readme cgi/x.pl.txt cgi/xpl data/cache/c exe/ping=late index.html off/run.pl one=late
-- 646 alice:oxacln: data/-/b data/cache/open/o data/d/e data/store
-- 755 alice:oxacln: cgi/run.pl exe/pong=pong exe/pung=pung
-d 755 alice:oxacln: cgi cgi/sub.pl data/cache exe off
-d 757 alice:oxacln: data data/- data/cache/open data/d
+- 644 alice:oxacln: both/f cgi/X.PL cgi/sub.pl/readme cgi/x.pl.txt cgi/xpl data/.cache/c data/d/plain/p exe/ping=late index.html no/r.pl off/run.pl one=late
+- 646 alice:oxacln: data/-/b data/.cache/open/o data/d/e data/store
+- 755 alice:oxacln: cgi/.pl cgi/run.pl exe/pong=pong exe/pung=pung
+d 755 alice:oxacln: both cgi cgi/sub.pl data/.cache data/d/plain exe no off
+d 757 alice:oxacln: data data/- data/.cache/open data/d
 )";
     const Result warned = says(0, "Source directory \"@/package/nowhere\" is not exist\n");
     for (const char* whole : {".", "/"}) {  // the second time over itself
@@ -101,7 +111,7 @@ TEST_F(Extract, FollowsPackagedLinksReplacesOthersAndLeavesForeignModes)
 {
     package({"file", "linked/x", "used/in", "bobs/1", "bobs/2", "data/f"}, kWithData);
     site_.shell("printf outside >outside; cd package/htdocs; ln -s ../../outside to-file; ln -s ../.. to-dir\n"
-                "cd ../../vhost/httpdocs; printf victim >victim; ln -s victim file; ln -s nowhere to-file\n"
+                "cd ../../vhost/httpdocs; printf victim >victim; ln -s victim file; ln -s elsewhere to-file\n"
                 "mkdir -m 703 bobs elsewhere; ln -s elsewhere used; chown bob:oxaserv bobs elsewhere\n"
                 "mkdir data; printf data/his >data/his; chown alice:oxacln data; chown bob:oxacln data/his");
     const std::string warning = "Unable to change mode for @/vhost/httpdocs/bobs: Operation not permitted\n";
@@ -142,12 +152,19 @@ TEST_F(Extract, AnErrorTakesEverythingBackAndIsToldTwice)
                           + boost::replace_all_copy(arrow, "z", "z/f"))
                         .err)},
         {"mkfifo z", fails(copy + "Operation not supported" + paths + "95" + arrow)},
+        {"ln -s /dev/null z", fails(copy + "Operation not supported" + paths + "95" + arrow)},
         {"printf '%0300000d' 7 >z", fails(copy + "File too large" + paths + "27" + arrow)},
         {"mkdir z; touch z/f $d/z", fails("Unable to create directory @/vhost/httpdocs/z - filename occupied")},
         {"mkdir $d/b; chown bob:oxaserv $d/b",
          says(1, foreign + fails("Unable to create directory @/vhost/httpdocs/b/c").err)},
         {"mkdir $d/data; chown alice $d/data; ln -s f $d/data/link",
          fails("Unknown type of file `@/vhost/httpdocs/data/link`. Unable to change file mode.")},
+        {"mkdir -p $d/data/s; chown -R alice $d/data; ln -s ../f $d/data/s/link",
+         fails("Unknown type of file `@/vhost/httpdocs/data/s/link`. Unable to change file mode.")},
+        {"mkdir $d/data; chown alice $d/data; mkfifo $d/data/pipe",
+         fails("Unknown type of file `@/vhost/httpdocs/data/pipe`. Unable to change file mode.")},
+        {"mkdir -m 777 $d/e; ln -s e $d/data",
+         fails("Unknown type of file `@/vhost/httpdocs/data`. Unable to change file mode.")},
         {"mkdir -m 775 $d/data; chown bob:oxacln $d/data",
          fails("Unable to change mode for: @/vhost/httpdocs/data Error: Operation not permitted")},
     };
@@ -155,12 +172,18 @@ TEST_F(Extract, AnErrorTakesEverythingBackAndIsToldTwice)
         SCOPED_TRACE(prepare);
         site_.shell("rm -rf package/htdocs");
         package({"a", "b/c/d", "data/f"}, kWithData);
-        site_.put("own", "not spared: it lies below a target");
+        site_.shell("cd vhost/httpdocs; mkdir -p own/1/2/3/4/5/6/7/8; touch own/1/f own/1/2/3/4/f\n"
+                    "chown -R alice own");  // not spared: it lies below a target
         site_.shell("d=$PWD/vhost/httpdocs; cd package/htdocs; " + prepare);
         EXPECT_EQ(extract({}, {100'000, 0}), expected);
         EXPECT_TRUE(site_.tree().empty());
     }
-    site_.shell("touch package/htdocs/z; cd vhost/httpdocs; mkdir -p data b/bobs/kept z/full; chmod 777 b\n"
+    site_.shell("rm -rf package/htdocs");
+    package({"a", "b/c/d", "data/f"}, kWithData);
+    site_.shell("ln -s nowhere package/htdocs/z");
+    EXPECT_EQ(extract({"--application-subdirectory=shop"}).status, 1);
+    EXPECT_TRUE(site_.tree().empty());
+    site_.shell("cd vhost/httpdocs; mkdir -p data b/bobs/kept z/full; chmod 777 b\n"
                 "chown -R alice data z; chown -R bob:oxaserv b");
     EXPECT_EQ(extract(), fails(library + "remove: Directory not empty: \"@/vhost/httpdocs/z\"(system:39" + arrow));
     // z and b/c are gone, the first from the end; b held, so a was not reached.
@@ -191,6 +214,18 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
     package({}, "<mapping url='/'/>");
     EXPECT_NE(extract().err.find("@/package/top/f: Permission denied"), std::string::npos);
     site_.shell("rm -r package/top");
+    site_.shell("mkdir -m 700 package/s");
+    for (const std::string above : {"s", "/"}) {
+        package({}, "<mapping url='/' path='" + above + "'/>");
+        EXPECT_NE(extract().err.find("directory_iterator::construct: Permission denied: \"@/package/s\""),
+                  std::string::npos);
+    }
+    site_.shell("rmdir package/s; mkdir -m 644 vhost/httpdocs/ro; chown alice vhost/httpdocs/ro");
+    package({}, writable("ro", "nowhere"));
+    EXPECT_EQ(extract(), says(0, nowhere));  // what cannot be searched can be read
+    EXPECT_EQ(mode_of(site_.docroot("ro")), 0747u);
+    package({});
+    EXPECT_EQ(extract({"--www-root=new"}), fails("Unable to create directory new"));  // in a directory of root's
     package({}, "<mapping url='zendrel-f' path='htdocs/f'/>");
     EXPECT_EQ(extract({"--www-root="}),
               says(1,
@@ -198,6 +233,14 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
                        + fails("Filesystem error: boost::filesystem::copy_file: Permission denied: "
                                "\"@/package/htdocs/f\", \"/zendrel-f\"(system:13)@/package/htdocs/f -> /zendrel-f")
                              .err));
+    site_.put("g");  // no directory, but that is not what goes wrong first
+    site_.shell("chmod 600 package/htdocs/f");
+    package({}, "<mapping url='g/x' path='htdocs/f'/>");
+    EXPECT_NE(extract().err.find("boost::filesystem::copy_file: Permission denied: "), std::string::npos);
+    site_.shell("chmod 644 package/htdocs/f; ln -s httpdocs vhost/l");
+    package({}, writable("/", "nowhere"));
+    EXPECT_NE(extract({"--www-root=" + site_.path("vhost/l")}).err.find("Unknown type of file `@/vhost/l`"),
+              std::string::npos);
     site_.put("z/full");
     package({}, "<mapping url='z/' path='htdocs/f'/>");
     EXPECT_NE(extract().err.find("boost::filesystem::remove: Directory not empty: "), std::string::npos);
@@ -218,18 +261,19 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
     EXPECT_EQ(extract(), says(0, nowhere));
     // The undo finds its way back, and goes on where that way is gone.
     site_.shell("mkdir package/q; touch package/q/g; mkfifo package/htdocs/p");
-    for (const std::string odd : {"x/y/..", "l/b/"}) {
+    for (const std::string odd : {"x/y/..", "x/y/..//", "l/b/", "..x"}) {
         site_.shell("rm -rf vhost/httpdocs/*; mkdir -p vhost/d; chown alice vhost/d; ln -s ../d vhost/httpdocs/l");
         package({}, "<mapping url='a' path='q'/><mapping url='" + odd + "' path='htdocs'/>");
         EXPECT_EQ(extract().status, 1) << odd;
-        EXPECT_EQ(site_.tree().count("a") + site_.tree("vhost/d").size(), 0u) << odd;
+        EXPECT_EQ(site_.tree().count("a") + site_.tree().count("..x") + site_.tree("vhost/d").size(), 0u) << odd;
     }
     // Nor does it follow a link that the copy has not come to.
-    package({"q/f"});
+    package({"q/f"}, "<mapping url='a' path='htdocs/a'/><mapping url='q' path='htdocs/q'/>");
     site_.shell("mkfifo package/htdocs/a; mkdir -p vhost/d; touch vhost/d/f; chown -R alice vhost/d\n"
                 "rm -rf vhost/httpdocs/*; ln -s ../d vhost/httpdocs/q");
     EXPECT_EQ(extract().status, 1);
     EXPECT_EQ(site_.tree("vhost/d").count("f"), 1u);
+    EXPECT_TRUE(site_.tree().empty());
     site_.shell("rm -r package/htdocs/[apq]");
 
     // A path that no call takes is not made, even where its directory is in reach; it is listed, but not entered.
@@ -238,7 +282,7 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
             "<mapping path='htdocs/n' url='data" + std::string(PATH_MAX - 255 - site_.docroot("data").size(), '/')
                 + std::string(255, 'n') + "'/>");
     EXPECT_EQ(extract().status, 1);
-    package({}, writable("data", "nowhere"));
+    package({}, "<mapping url='/' path='htdocs'/>" + writable("data", "nowhere"));
     const std::string name(200, 'd');
     site_.shell("cd vhost/httpdocs/data; perl -e 'for (1..25) { mkdir \"" + name + "\"; chdir \"" + name + "\" }'");
     std::string path = site_.docroot("data");
@@ -250,7 +294,7 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
         extract(),
         says(1,
              nowhere + path + ": " + reason + "\n" + fails("Unable to stat file  " + path + " mode: " + reason).err));
-    site_.shell("rm -rf vhost/httpdocs/data");
+    site_.shell("test -d vhost/httpdocs/data/" + name + "\nrm -rf vhost/httpdocs/data");  // nor is it removed
 }
 
 /// By root, whose changes of a mode never fail.
@@ -262,6 +306,15 @@ TEST_F(Extract, WidensModesByOwnerAndGroup)
                 "for owner in www-data alice bob; do for group in oxacln oxaserv; do\n"
                 "n=$((n + 1)); touch f$n; mkdir d$n; chown $owner:$group ?$n; chmod 1 f$n; chmod 4000 d$n\n"
                 "done; done; chmod 2000 .");
+    static const Site* site;
+    site = &site_;
+    EXPECT_EQ(in_child([] {  // nor are files of nobody taken for somebody's
+                  const tarvik::FSAMetaDataReader metadata(site->package("APP-META.xml"));
+                  _exit(
+                      tarvik::fsa_install_htdocsfiles(site->package(), site->docroot(), "/", metadata, "nosuch", true));
+              }),
+              (Result {0, "Unable to getpwnam for user nosuch\n",
+                       "Unable to getpwnam for user nosuch\nUnable to find user nosuch\n", 0}));
     const tarvik::FSAMetaDataReader metadata(site_.package("APP-META.xml"));
     ASSERT_TRUE(tarvik::fsa_install_htdocsfiles(site_.package(), site_.docroot(), "/", metadata, "alice", true));
     // Bits that were there stay. What only receives files lets the site's people in; data the web server too.
@@ -273,13 +326,13 @@ TEST_F(Extract, RefusesInItsOrderOfChecks)
 {
     package({"f"});
     site_.shell("mkdir -p odd/APP-META.xml; cp package/APP-META.xml good.xml");
-    const std::string full = "--application-full-name=file:/", good = site_.path("good.xml");
+    const std::string full = "--application-full-name=file://", good = site_.path("good.xml");
     const std::string vhost = "--vhost-path=", user = "--user-name=nosuch", metadata = "--metadata-file=";
     const std::string what = "Fatal error: boost::wrapexcept<boost::program_options::";
     const std::pair<Words, Result> cases[] = {
         {{"--no-such=1"}, says_twice(1, what + "unknown_option>(unrecognised option '--no-such=1')\n")},
-        {{full + "x", vhost}, says(1, "Invalid value file:/xfor --application-full-name option\n")},
-        {{full + "//" + site_.path("odd"), metadata + good, vhost},
+        {{full + "x", vhost}, says(1, "Invalid value file://xfor --application-full-name option\n")},
+        {{full + "/" + site_.path("odd"), metadata + good, vhost},
          says(1, "Application metadata file @/odd/APP-META.xml does not exist\n")},
         {{vhost + good, metadata + "none"}, says(1, "Virtual host root directory@/good.xmldoes not exist\n")},
         {{metadata + "none", user}, says(1, "Unable to load file: none\n")},
@@ -306,13 +359,25 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
     site_.shell("mkdir -p package/htdocs/data/d/more; cd package/htdocs/data/d; touch f more/f");
     EXPECT_EQ(traced("chmod:signal=STOP:when=2", swap).status, 1);  // the first is the mapping itself
     EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
+    EXPECT_EQ(mode_of(site_.path("other")), 0755u);
 
     site_.shell("rm -rf aside vhost/httpdocs/*");
     const std::string move = "mv vhost/httpdocs/data/d aside; mv other vhost/httpdocs/data/d";
-    EXPECT_EQ(traced("chmod:signal=STOP:when=1", move).status, 1);
+    const std::string stale = "Unable to stat file  @/vhost/httpdocs/data/d mode: Stale file handle\n";
+    EXPECT_EQ(traced("chmod:signal=STOP:when=1", move), fails(stale.substr(0, stale.size() - 1)));
     EXPECT_EQ(site_.listing("vhost/httpdocs/data/d"), site_.listing("untouched"));
+    // Also where nothing has been put.
+    site_.shell("mv vhost/httpdocs/data/d other; rm -rf aside vhost/httpdocs/*; cp -a other third; mkdir aside\n"
+                "mv package/htdocs/data/d aside; mkdir -p vhost/httpdocs/data/d; chown -R alice vhost/httpdocs/data");
+    package({},
+            kWithData
+                + std::string("<mapping url='data/d' path='nowhere'><php:permissions writable='true'/></mapping>"));
+    EXPECT_EQ(traced("chmod:signal=STOP:when=1", "rmdir vhost/httpdocs/data/d; mv third vhost/httpdocs/data/d").err,
+              "Source directory \"@/package/nowhere\" is not exist\n" + stale + stale);
+    site_.shell("mv aside/d package/htdocs/data");
+    package({}, kWithData);
 
-    site_.shell("mv vhost/httpdocs/data/d other; rm -rf aside vhost/httpdocs/*\n"
+    site_.shell("rm -rf aside vhost/httpdocs/*\n"
                 "cd package/htdocs/data/d; echo x >more/f; mkfifo z");
     EXPECT_EQ(traced("write:signal=STOP:when=1", swap).status, 1);  // within more: d is come back to
     EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
@@ -322,6 +387,11 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
     EXPECT_EQ(traced("write:signal=STOP:when=1", swap).status, 1);  // the message, with everything still there
     EXPECT_EQ(site_.listing("other"), site_.listing("untouched"));
     EXPECT_EQ(site_.listing(), "\n");
+
+    // What was there before is known just as well.
+    site_.shell("rm -rf aside; mkdir -p vhost/httpdocs/data/d; chown -R alice vhost/httpdocs/data");
+    EXPECT_EQ(traced("write:signal=STOP:when=1", move).status, 1);
+    EXPECT_EQ(site_.listing("vhost/httpdocs/data/d"), site_.listing("untouched"));
 }
 
 TEST_F(Extract, NothingThatIsOpenReachesThePackage)
@@ -380,6 +450,11 @@ TEST_F(Extract, FailingCallsAreMetAndUndone)
     site_.shell("truncate -s 1M package/htdocs/a; echo end >>package/htdocs/a");  // which is read otherwise
     EXPECT_EQ(traced("read,copy_file_range:error=EXDEV -e inject=read:error=EIO:when=2" + source),
               copy("Input/output error", "5"));
+    EXPECT_EQ(traced("write,copy_file_range:error=EXDEV -e inject=write:error=ENOSPC:when=2" + target),
+              copy("No space left on device", "28"));
+    EXPECT_EQ(traced("ftruncate:error=EIO"), copy("Input/output error", "5"));
+    EXPECT_EQ(traced("lseek:error=EINVAL:when=1" + source), says(0, ""));  // the holes cannot be told
+    EXPECT_EQ(read(site_.docroot("a")), read(site_.path("package/htdocs/a")));
     site_.write("package/htdocs/a", "[cut short]");
     traced("write:retval=1:when=1" + target);  // as if one byte had gone out already
     EXPECT_EQ(read(site_.docroot("a")), "cut short]");
@@ -456,7 +531,8 @@ TEST_F(Extract, HostilePlansAreCarriedOutOrRefusedCheaply)
 
 TEST_F(Extract, CopiesEveryFileWithoutStandardStreams)
 {
-    package({"sp ace", "new\nline", "quo\"te'", "\xff\xfe", "-rf", "a-b", "a.b", std::string(255, 'n'), "deep/deep/f"},
+    package({"sp ace", "new\nline", "quo\"te'", "\xff\xfe", "-rf", "a-b", "a.b", ".htaccess", "..a",
+             std::string(255, 'n'), "deep/deep/f"},
             kWithData);
     site_.shell("v=$PWD/vhost other=/var/tmp/${PWD##*/}; cd package/htdocs; touch empty; seq 200000 >large\n"
                 // Through the link the same comes from another file system.

@@ -102,9 +102,9 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
     const Words bits = {"setpriv", "--inh-caps=+chown", "--ambient-caps=+chown", "--securebits=+no_setuid_fixup"};
     const std::string zero = ":\t" + std::string(16, '0') + "\n";
     EXPECT_EQ(
-        run_script({"--script-name=query", "one", "--additional-script-params=t w o=", "", "--", "--five"}, "", bits),
+        run_script({"--script-name=query", "one=", "--additional-script-params=t w o=", "", "--", "--five"}, "", bits),
         (Result {200,
-                 "[query]\n[one]\n[t w o=]\n[]\n[--five]\n" + scripts_
+                 "[query]\n[one=]\n[t w o=]\n[]\n[--five]\n" + scripts_
                      + "\n/dev/null\n0\n1\n10\n2\n"
                        "Uid:\t28001\t28001\t28001\t28001\nGid:\t28010\t28010\t28010\t28010\n"
                        "Groups:\t28010 \nCapInh"
