@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <sys/resource.h>
 
+#include <csignal>
 #include <iostream>
 #include <numeric>
 #include <sstream>
@@ -45,13 +46,43 @@ TEST(Listing, NamesTheTreeWithoutFollowingLinks)
                 testing::ExitedWithCode(0), "^$");
 }
 
+TEST(Directories, AreThoseOfAVirtualHost)
+{
+    std::string text;
+    for (const SetupSkeletonMode mode : {AllDirs, AllButHttpdocs, ApplicationDirs}) {
+        for (const fs::path& directory : vhostUsedDirs(mode))
+            text += directory.native() + " ";
+        text += "| ";
+    }
+    for (const fs::path& directory : vhostAllDirs())
+        text += directory.native() + " ";
+    EXPECT_EQ(text,
+              "httpdocs conf cgi-bin anon_ftp error_docs statistics | conf cgi-bin anon_ftp error_docs statistics | "
+              "httpdocs cgi-bin private | cgi-bin private httpsdocs httpdocs ");
+    const ExtractParams none(extract_params_t {}), all(extract_params_t {"docs", 2, 2, 2, "bin"});
+    EXPECT_EQ(none.htdocs_dir + none.cgi_bin_dir + all.htdocs_dir + all.cgi_bin_dir, "docsbin");
+    EXPECT_TRUE(all.extra_flag && all.keep_error_docs && all.keep_cgi_bin);
+    EXPECT_EQ(in_child([] {
+                  sapp_cpp_init();
+                  std::terminate();  // without a word
+              }),
+              says(128 + SIGABRT, ""));
+
+    const Site site;
+    site.shell("mkdir -p t/a; touch t/a/f");
+    std::list<fs::path> paths = {"first"};
+    EXPECT_EQ(readDirContent(&paths, site.path("t"), static_cast<unsigned>(pathLength(site.path("t/")))), 0);
+    paths.sort();
+    EXPECT_EQ(paths, (std::list<fs::path> {"", "a", "a/f", "first"}));
+}
+
 TEST(Removal, EmptiesApplicationDirectoriesAndTakesInstancesInOrder)
 {
     const Site site;
     site.shell("mkdir -p docs/a v/private/p v/cgi-bin v/error_docs v/httpdocs bin/x; ln -s ../v/error_docs docs/link\n"
                "touch docs/a/f docs/g v/private/p/q v/cgi-bin/c v/error_docs/e bin/x/y v/httpdocs/kept");
     const std::string v = site.path("v"), docs = site.path("docs/"), bin = site.path("bin");
-    const extract_params_t kept = {docs.c_str(), 0, 1, 1, nullptr}, open = {docs.c_str(), 0, 0, 0, bin.c_str()};
+    const extract_params_t kept = {docs.c_str(), 3, 2, 2, nullptr}, open = {docs.c_str(), 0, 0, 0, bin.c_str()};
     std::list<fs::path> errors = {"error_docs", "error_docs/e"};  // parents come first here
     EXPECT_EQ(clean_docroot(v.c_str(), &kept), 0);
     cleanDirContent(&errors, v, ExtractParams(kept));

@@ -116,9 +116,11 @@ TEST(Metadata, IsReadShallowMappingsFirstOrRefused)
     FSAMetaDataWebContent content = reader.webContents().front();
     FSAMetaDataWebContent other = reader.webContents().back();
     other.reserved = 7;
+    other.writable = true;
     content = other;  // not the handlers and the redirect
     EXPECT_EQ(content.url + content.path + content.redirect + std::to_string(content.depth), "/a&b/c/a&b/c/t2");
     EXPECT_EQ(content.reserved, 7);
+    EXPECT_TRUE(content.writable);
 }
 
 TEST(Metadata, MayBeInTwoByteCharactersAndLoadsNoConversion)
@@ -238,6 +240,7 @@ TEST(Metadata, ComesFromAFileOrAPatientlyReadPipe)
     };
     const std::string pausing = "<(sleep .1; head -c 99 " + meta + "; sleep .1; tail -c +100 " + meta + ")";
     EXPECT_EQ(run({"bash", "-c", with(pausing)}), says(0, ""));
+    site.shell("ln -s package/APP-META.xml link; " + with(site.path("link")));
 
     // The writer is silent until the program waits for it, then gone.
     const std::string traced = "cd " + site.path() + "\nexport ASAN_OPTIONS=detect_leaks=0; trace=strace' -o trace'\n";

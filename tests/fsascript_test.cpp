@@ -1,11 +1,13 @@
 #include "app/fsascript.h"
 #include "clib/forkexec.h"
+#include "common/ExSystemError.h"
 #include "tests/support/Sandbox.h"
 
 #include <fcntl.h>
 #include <linux/keyctl.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -102,9 +104,10 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
     const Words bits = {"setpriv", "--inh-caps=+chown", "--ambient-caps=+chown", "--securebits=+no_setuid_fixup"};
     const std::string zero = ":\t" + std::string(16, '0') + "\n";
     EXPECT_EQ(
-        run_script({"--script-name=query", "one=", "--additional-script-params=t w o=", "", "--", "--five"}, "", bits),
+        run_script({"--script-name=query", "one=", "--additional-script-params=t w o=", "", "--", "--five", "six"}, "",
+                   bits),
         (Result {200,
-                 "[query]\n[one=]\n[t w o=]\n[]\n[--five]\n" + scripts_
+                 "[query]\n[one=]\n[t w o=]\n[]\n[--five]\n[six]\n" + scripts_
                      + "\n/dev/null\n0\n1\n10\n2\n"
                        "Uid:\t28001\t28001\t28001\t28001\nGid:\t28010\t28010\t28010\t28010\n"
                        "Groups:\t28010 \nCapInh"
@@ -153,10 +156,13 @@ TEST_F(RunScript, TheScriptHasTheCallersProcessGroupButNotItsTerminalAndKeys)
         {"", "", prints(none)},
         {"2>/dev/tty", "", prints(none)},
         {"2>/dev/tty", "openat:error=ENFILE", prints(none)},
+        {">/dev/tty", "openat:error=ENFILE", prints("")},
         {"", "openat:error=ENFILE", fails("terminal failed: Too many open files in system")},
         {"", "openat:error=EACCES", prints("1 terminal 1 mute")},
         {"", "openat:error=ENOENT", prints("1 terminal 1 mute")},
         {"", "keyctl:error=EPERM", prints(none + old)},
+        {"", "keyctl:error=EACCES", prints(none + old)},
+        {"", "keyctl:error=ENOSYS", prints(none + old)},
         {"", "keyctl:error=EDQUOT", fails("keys failed: Disk quota exceeded")},
     };
     int terminal = -1;
@@ -226,7 +232,7 @@ TEST(ForkExecvPipes, SetsStreamsUserAndEnvironment)
         const auto& [why, in, out, err, result] = *current;
         EXPECT_EQ(in_child([] {
                       tarvik::ArgList words;
-                      for (const char* word : {"sh", "-c", "printf \"$(id -un) $HOME $(head -c 4)\"; printf err >&2"})
+                      for (const char* word : {"name", "-c", "printf \"$(id -un) $HOME $(head -c 4)\"; printf err >&2"})
                           words.append(word);
                       dup2(open("/etc/passwd", O_RDONLY), 50);
                       dup2(STDOUT_FILENO, 51);
@@ -238,6 +244,20 @@ TEST(ForkExecvPipes, SetsStreamsUserAndEnvironment)
                   result)
             << why;
     }
+}
+
+TEST(ForkExecvPipes, ThrowsWhereThereCanBeNoChild)
+{
+    EXPECT_EQ(in_child([] {
+                  const rlimit none = {};
+                  if (setrlimit(RLIMIT_NPROC, &none) == 0 && setuid(kAlice) == 0)
+                      try {
+                          tarvik::forkExecvPipes(0, 1, 2, "true", tarvik::ArgList(), "", {});
+                      } catch (const tarvik::SystemError& e) {
+                          std::cerr << e.what();
+                      }
+              }),
+              says(0, "forkExecvPipes: fork() failed: Resource temporarily unavailable"));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "tests/support/Sandbox.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace sandbox;
 
@@ -72,7 +73,7 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     // Without a value they have no effect.
     EXPECT_EQ(install(kBothOff, {"--disable-php-support", "--disable-cgi-support"}),
               kSection + kPhpOff + kCgiOff + kEnd);
-    EXPECT_EQ(install(kBothOff, {"--disable-php-support=1"}), kSection + kCgiOff + kEnd);
+    EXPECT_EQ(install(kBothOff, {"--disable-php-support=2"}), kSection + kCgiOff + kEnd);
     EXPECT_EQ(install("<mapping url='/'><php:handler/></mapping>"), "0||" + kNoMore);
     EXPECT_EQ(install(kBothOff, {"--disable-cgi-support=-1"}), kSection + kPhpOff + kEnd);
     EXPECT_EQ(install("", {"--disable-php-support=1", "--disable-cgi-support=1", "--metadata-file=none"}),
@@ -101,6 +102,9 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     EXPECT_EQ(zendrel(remove), says(0, ""));
     EXPECT_EQ(zendrel(remove), says(0, ""));  // it is gone, and that is all that was wanted
     EXPECT_EQ(zendrel(changed(remove, {"--config-file-name=."})).status, 1);
+    site_.shell("rm -r system/vhost/conf/siteapp.d");
+    umask(077);  // which is stricter than asked for
+    EXPECT_EQ(install(""), "0||\nd 700 root:root: siteapp.d\n");
 }
 
 TEST_F(WebserverConfig, StaysWithinTheApplication)
@@ -207,9 +211,13 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
     EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=vhost", "--www-root=", "--config-file-name=app.conf"}),
               says(0, ""));
     EXPECT_EQ(left("removal"), kept);
-    site_.shell("cd " + directory + "; mkfifo app.conf.newPIPED1");
-    tarvik::remove_stray_files(site_.path(directory + "/app.conf.new"));
+    // By a name alone, in the current directory.
+    site_.shell("cd " + directory + "; mkfifo app.conf.newPIPED1; touch app.conf.newA0z9Zb");
+    ASSERT_EQ(chdir(site_.path(directory).c_str()), 0);
+    tarvik::remove_stray_files("app.conf.new");
+    ASSERT_EQ(chdir("/"), 0);
     site_.shell("rm " + directory + "/app.conf.newPIPED1");  // fails unless it is there
+    EXPECT_EQ(left("current directory"), kept);
 }
 
 /// Both commands stay root.

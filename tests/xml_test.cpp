@@ -5,6 +5,8 @@
 #include "common/charsets.h"
 #include "tests/support/Sandbox.h"
 
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
 #include <libxml/xmlmemory.h>
 
 #include <iconv.h>
@@ -93,6 +95,9 @@ TEST(Xml, GivesAllOrThrowsWhenAnAllocationFails)
     const std::tuple<std::string (*)(), bool> cases[] = {
         {metadata_text, true}, {instances_text, true}, {instances_text, false}, {tree_text, true}, {tree_text, false}};
     testing::internal::CaptureStderr();
+    const auto loader = xmlGetExternalEntityLoader();
+    int heard = 0;
+    xmlSetStructuredErrorFunc(&heard, [](void* count, auto*) { ++*static_cast<int*>(count); });
     for (const auto& [text, one] : cases) {
         const std::string whole = text();
         int number = 0;
@@ -108,6 +113,11 @@ TEST(Xml, GivesAllOrThrowsWhenAnAllocationFails)
         EXPECT_GT(number, 15);
         xmlMemSetup(free, malloc, realloc, strdup);
     }
+    // What the program has set is silent meanwhile, and there again.
+    EXPECT_EQ(xmlStructuredErrorContext, &heard);
+    EXPECT_EQ(heard, 0);
+    xmlSetStructuredErrorFunc(nullptr, nullptr);
+    EXPECT_EQ(xmlGetExternalEntityLoader(), loader);
     xmlGenericError(xmlGenericErrorContext, "the program's own");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "the program's own");
     EXPECT_EQ(metadata_text(), "xy|/az,/d,writable11|/az/b,/c00");
