@@ -24,7 +24,7 @@ fi
 
 packages="g++ cmake make pkg-config clang-format clang-tidy shellcheck strace
     libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev libgtest-dev
-    apache2-bin libapache2-mod-php php-fpm php-cli perl curl"
+    apache2-bin libapache2-mod-php php-fpm php-cli perl curl mandoc"
 [ $# -eq 0 ] || packages="cmake make clang libclang-rt-14-dev
     libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev"
 missing=

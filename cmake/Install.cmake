@@ -8,6 +8,10 @@ set(package ${CMAKE_INSTALL_LIBDIR}/cmake/zendrel)
 
 install(TARGETS zendrel zendrelctl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES share/app-meta.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/zendrel)
+foreach(page IN ITEMS zendrel.8 zendrelctl.8 app-meta.5 instance-list.5 oxa.conf.5 zendrel-sys.3)
+    string(REGEX MATCH "[0-9]$" section ${page})
+    install(FILES docs/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
 
 # Found from where the file lies, so that the tree may be moved.
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

@@ -29,3 +29,7 @@ for program in build/pipeline ./pipeline; do
 done
 "$dir/usr/sbin/zendrel" --no-such-command 2>&1 | grep -q -- --extract-application
 cmp "$source/share/app-meta.rng" "$dir/usr/share/zendrel/app-meta.rng"
+for page in "$source"/docs/man/*.[1-9]; do
+    cmp "$page" "$dir/usr/share/man/man${page##*.}/${page##*/}"
+done
+[ "$("$dir/usr/sbin/zendrelctl" --version)" = "zendrelctl $(PKG_CONFIG_LIBDIR=$config pkg-config --modversion zendrel-sys)" ]
