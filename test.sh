@@ -42,6 +42,10 @@ if [ $# -ne 0 ]; then
     say "Fuzzing"
     exec fuzz/run.sh
 fi
+if [ ! -d build/apache2 ]; then
+    say "Fetching what a fresh host has of Apache"
+    tests/support/fetch_apache.sh || say "That failed: the commands in the guides will not be run"
+fi
 
 jobs=$(nproc)
 sources=$(find app common clib ctl sys tests examples bench fuzz -name '*.cpp' -o -name '*.h' 2>/dev/null | sort)

@@ -12,6 +12,10 @@ foreach(page IN ITEMS zendrel.8 zendrelctl.8 app-meta.5 instance-list.5 oxa.conf
     string(REGEX MATCH "[0-9]$" section ${page})
     install(FILES docs/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
+# The guides tell to copy the examples.
+install(FILES docs/administrators.md docs/packages.md docs/apache.md docs/security.md
+    DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY examples/packages DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
 
 # Found from where the file lies, so that the tree may be moved.
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

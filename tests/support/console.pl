@@ -1,0 +1,102 @@
+#!/usr/bin/perl
+# console.pl DOCUMENT[#HEADING]...: runs the blocks that a document marks as ```console, in one
+# shell, as they stand, and compares what they print with what is shown there.
+#
+# In a block, a line "# COMMAND" is a command; it goes on after a backslash at its end and, with a
+# here-document, up to its last line. What follows is its output: a line "..." stands for any number
+# of lines, "..." in a line for any text. Where nothing is shown, nothing is compared, but the command
+# has to end with 0, unless the next one is "echo $?".
+use strict;
+use warnings;
+use IPC::Open2;
+use Time::HiRes qw(sleep);
+
+sub read_blocks { # of a document, or of one of its sections
+    my ($path, $heading) = split /#/, $_[0], 2;
+    open my $in, '<', $path or die "$path: $!\n";
+    my ($inside, $here, @blocks) = (0, !defined $heading);
+    while (my $line = <$in>) {
+        $here = $1 eq $heading if defined $heading && !$inside && $line =~ /^##+ (.*)$/;
+        if (!$inside && $line =~ /^```(\w*)$/) {
+            $inside = 1;
+            push @blocks, {place => "$path:" . ($. + 1), lines => []} if $here && $1 eq 'console';
+            $inside = 2 if !($here && $1 eq 'console');
+        } elsif ($line =~ /^```$/) {
+            $inside = 0;
+        } elsif ($inside == 1) {
+            push @{$blocks[-1]{lines}}, $line;
+        }
+    }
+    die "$_[0]: no console blocks\n" if !@blocks;
+    return @blocks;
+}
+
+sub commands { # of a block, each with what it prints
+    my ($block) = @_;
+    my @lines = @{$block->{lines}};
+    my @commands;
+    while (@lines) {
+        my $line = shift @lines;
+        if ($line !~ s/^# //) {
+            die "$block->{place}: output before the first command\n" if !@commands;
+            $commands[-1]{shown} .= $line;
+            next;
+        }
+        $line .= shift @lines while $line =~ /\\\n\z/ && @lines;
+        if (my ($end) = $line =~ /<<-?'?(\w+)'?/) {
+            $line .= shift @lines while @lines && $line !~ /^\Q$end\E\n\z/m;
+        }
+        push @commands, {place => $block->{place}, text => $line, shown => ''};
+    }
+    return @commands;
+}
+
+sub pattern { # that output has to match
+    my ($shown) = @_;
+    my $pattern = join '', map { $_ eq "...\n" ? '(?:.*\n)*' : quotemeta($_) =~ s/(?:\\\.){3}/.*/gr }
+        $shown =~ /.*\n/g;
+    return qr/\A$pattern\z/;
+}
+
+my $pid = open2(my $from, my $to, 'bash', '--norc', '-c', <<'END') or die "bash: $!\n";
+exec 2>&1
+status=0
+while IFS= read -r -d '' command; do
+    { (exit $status); eval "$command"; } </dev/null
+    status=$?
+    printf '\0%d\0' "$status"
+done
+END
+$to->autoflush(1);
+binmode $from;
+
+sub run { # in the shell; its output and status
+    my ($text) = @_;
+    local $/ = "\0";
+    print $to "$text\0";
+    my $output = <$from> // die "the shell has ended\n";
+    my $status = <$from> // die "the shell has ended\n";
+    chop($output, $status);
+    $output =~ s/[ \t]+$//mg;  # documents have none there
+    return ($output, $status);
+}
+
+my $failures = 0;
+my @commands = map { commands($_) } map { read_blocks($_) } @ARGV;
+for my $at (0 .. $#commands) {
+    my ($place, $text, $shown) = @{$commands[$at]}{qw(place text shown)};
+    my ($output, $status) = run($text);
+    # A server that was told to read its configuration again takes a moment.
+    for (my $try = 0; $text =~ /^curl / && $try < 100 && $output !~ pattern($shown); $try++) {
+        sleep 0.1;
+        ($output, $status) = run($text);
+    }
+    my $asked = $at < $#commands && $commands[$at + 1]{text} eq "echo \$?\n";
+    next if $shown eq '' ? $status == 0 || $asked : $output =~ pattern($shown);
+    print "FAILED: $place, status $status\n# $text--- shown\n$shown--- printed\n$output---\n";
+    $failures++;
+    last if $failures == 5;  # the rest hangs on them
+}
+close $to;
+waitpid $pid, 0;
+exit($failures == 0 ? 0 : 1);
