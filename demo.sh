@@ -6,11 +6,11 @@ unset CDPATH
 export LC_ALL=C
 umask 022
 
-usage="usage: ./demo.sh [--serve | PACKAGE_DIR]
+usage="usage: ./demo.sh [--serve [--port=PORT] | PACKAGE_DIR]
 
 Without arguments, shows the life of an application: the guestbook in examples/packages is deployed
 into a throw-away site, prepared by its script, served by Apache and signed, and removed again. With
---serve it can be visited before it is removed, until Ctrl-C.
+--serve it can be visited before it is removed, until Ctrl-C, at the port given.
 
 Then the same package is looked over, planned, deployed, upgraded (once badly, once well), rolled back,
 compared and removed with zendrelctl, the administrator's companion.
@@ -20,7 +20,7 @@ is not run and it is not served, but Apache checks the configuration generated f
 
 Needs root and Debian 12; installs the Debian packages that are missing, builds the program into
 build/demo and works in tests/support/sandbox.sh, which leaves the host's accounts and sites alone.
-Apache listens on this host only, at a free port, with a configuration of its own."
+Apache listens on this host only, at a free port unless one is given, with a configuration of its own."
 
 # apache2-bin has the server without its service.
 debian_packages=(g++ cmake make libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev
@@ -91,20 +91,45 @@ build() {
     quietly build/demo/build.log cmake --build build/demo --parallel "$(nproc)"
 }
 
-prepare() { # [--serve | PACKAGE_DIR]
-    if [ "${1-}" = -h ] || [ "${1-}" = --help ]; then
-        echo "$usage"
-        exit 0
-    elif [ $# -gt 1 ] || { [[ ${1-} == -* ]] && [ "$1" != --serve ]; }; then
+# Sets way to "", --serve or package, package to its directory, and port to the one wanted.
+read_words() { # [WORD...]
+    way='' package='' port=''
+    while [ $# -gt 0 ]; do
+        case $1 in
+            -h | --help)
+                echo "$usage"
+                exit 0
+                ;;
+            --serve) way=--serve ;;
+            --port=*) port=${1#--port=} ;;
+            --port)
+                port=${2-none}
+                shift $(($# > 1))
+                ;;
+            -*) way=wrong ;;
+            *)
+                [ -z "$way" ] && way=package || way=wrong
+                package=$1
+                ;;
+        esac
+        shift
+    done
+    if [ "$way" = wrong ] || [ "$way" != package ] && [ -n "$package" ] || [ "$way" != --serve ] && [ -n "$port" ]; then
         echo "$usage" >&2
         exit 2
     fi
+    if [ -n "$port" ] && { [[ ! $port =~ ^[1-9][0-9]{0,4}$ ]] || [ "$port" -gt 65535 ]; }; then
+        fail "$port is no port"
+    fi
+}
+
+prepare() { # [WORD...]
+    local way package port
+    read_words "$@"
     [ "$(id -u)" -eq 0 ] || fail "must be run as root, for example with sudo"
-    local way=${1-} package=
-    if [ -n "$way" ] && [ "$way" != --serve ]; then
-        [ -d "$1" ] || fail "$1 is no directory; a package has to be unpacked first"
-        way=package
-        package=$(realpath -- "$1")
+    if [ "$way" = package ]; then
+        [ -d "$package" ] || fail "$package is no directory; a package has to be unpacked first"
+        package=$(realpath -- "$package")
         [ -f "$package/APP-META.xml" ] || fail "$package is not a package: it has no APP-META.xml"
     fi
     cd -- "$(dirname -- "$(realpath -- "$0")")"
@@ -113,7 +138,7 @@ prepare() { # [--serve | PACKAGE_DIR]
     install_missing
     build
     printf '\nFrom here on in tests/support/sandbox.sh: alice and her site exist only there.\n'
-    in_sandbox ./demo.sh --inside "$way" "$package"
+    in_sandbox ./demo.sh --inside "$way" "$package" "$port"
 }
 
 in_sandbox() { # COMMAND [ARGUMENT...]
@@ -254,10 +279,19 @@ delete() {
 
 # --- Apache ---------------------------------------------------------------------------------------
 
+is_open() { # PORT
+    (: <>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
+}
+
 free_port() {
     local port
+    if [ -n "$wanted_port" ]; then
+        ! is_open "$wanted_port" || fail "something listens at port $wanted_port already"
+        echo "$wanted_port"
+        return
+    fi
     for port in $(shuf -n 100 -i 20000-29999); do
-        (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || break
+        is_open "$port" || break
     done
     echo "$port"
 }
@@ -368,7 +402,9 @@ serve() {
     sleep infinity &
     asleep=$!
     trap 'kill $asleep 2>/dev/null || true' INT TERM HUP
-    printf '\n    %s/\n\nCtrl-C ends the visit and removes everything.\n' "$url"
+    printf '\n    %s/\n\nFrom another machine, open the same address after\n' "$url"
+    show "ssh -L ${url##*:}:127.0.0.1:${url##*:} root@$(hostname)"
+    printf '\nCtrl-C ends the visit and removes everything.\n'
     wait "$asleep" || true
     trap 'exit 130' INT TERM HUP
 }
@@ -496,6 +532,7 @@ if [ "${1-}" = --inside ]; then
     package=$SANDBOX_DIR/package
     list=$SANDBOX_DIR/list.xml
     server=$SANDBOX_DIR/apache
+    wanted_port=$4
     if [ "$2" = package ]; then
         deploy_and_delete "$3"
     else
