@@ -2,18 +2,19 @@
 # Installs what is missing, builds the program twice (hardened release; with sanitizers), checks form
 # and runs all tests in both builds. Needs root. Ends with the test runner's closing lines.
 #
-#   test.sh [--fuzz]
+#   test.sh [--fuzz | --browser]
 #
-#   --fuzz  instead, look for inputs that break what reads foreign data, a minute for each reader.
+#   --fuzz     instead, look for inputs that break what reads foreign data, a minute for each reader.
+#   --browser  instead, visit the demonstration's site in Chromium.
 set -eu
 cd "$(dirname "$0")"
 
 say() { printf '\n== %s\n' "$*"; }
 
 case "$# $*" in
-    '0 ' | '1 --fuzz') ;;
+    '0 ' | '1 --fuzz' | '1 --browser') ;;
     *)
-        echo "usage: ./test.sh [--fuzz]" >&2
+        echo "usage: ./test.sh [--fuzz | --browser]" >&2
         exit 2
         ;;
 esac
@@ -25,8 +26,11 @@ fi
 packages="g++ cmake make pkg-config clang-format clang-tidy shellcheck strace
     libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev libgtest-dev
     apache2-bin libapache2-mod-php php-fpm php-cli perl curl mandoc"
-[ $# -eq 0 ] || packages="cmake make clang libclang-rt-14-dev
-    libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev"
+case "$*" in
+    --fuzz) packages="cmake make clang libclang-rt-14-dev
+        libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev" ;;
+    --browser) packages="chromium chromium-driver perl procps" ;; # the demonstration installs its own
+esac
 missing=
 for package in $packages; do
     dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
@@ -38,10 +42,16 @@ if [ -n "$missing" ]; then
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >/dev/null
 fi
 
-if [ $# -ne 0 ]; then
-    say "Fuzzing"
-    exec fuzz/run.sh
-fi
+case "$*" in
+    --fuzz)
+        say "Fuzzing"
+        exec fuzz/run.sh
+        ;;
+    --browser)
+        say "A visit with Chromium"
+        exec tests/browser_test.pl
+        ;;
+esac
 if [ ! -d build/apache2 ]; then
     say "Fetching what a fresh host has of Apache"
     tests/support/fetch_apache.sh || say "That failed: the commands in the guides will not be run"

@@ -1,0 +1,92 @@
+#!/usr/bin/perl
+# browser_test.pl: visits the demonstration's site in Chromium, as a person would: the start page
+# opens with all its links, the guestbook is signed by its form, and shows the entry. Needs root,
+# chromium and chromium-driver.
+use strict;
+use warnings;
+use File::Temp qw(tempdir);
+use HTTP::Tiny;
+use IO::Socket::INET;
+use JSON::PP qw(decode_json encode_json);
+use Time::HiRes qw(sleep);
+
+my $text = "Hello <b>alice</b> & all";
+my ($http, $home) = (HTTP::Tiny->new(timeout => 30), tempdir(CLEANUP => 1));
+my @children;
+END {
+    my $status = $?;
+    for my $child (reverse @children) {
+        kill TERM => $child;
+        waitpid $child, 0;
+    }
+    $? = $status;
+}
+
+sub free_port {
+    my $socket = IO::Socket::INET->new(Listen => 1, LocalAddr => '127.0.0.1') or die "no port: $!\n";
+    return $socket->sockport;
+}
+
+sub start { # LOG COMMAND...
+    my ($log, @command) = @_;
+    my $child = fork // die "fork: $!\n";
+    if ($child == 0) {
+        @children = ();
+        open STDOUT, '>>', $log or die "$log: $!\n";
+        open STDERR, '>&', \*STDOUT;
+        exec @command;
+    }
+    push @children, $child;
+    return $child;
+}
+
+sub wait_for { # URL CHILD LOG
+    my ($url, $child, $log) = @_;
+    for (1 .. 3000) {
+        return if $http->get($url)->{success};
+        last if waitpid($child, 1) != 0;  # WNOHANG
+        sleep 0.2;
+    }
+    die "$url does not answer:\n" . `tail -n 20 $log`;
+}
+
+my $site = 'http://127.0.0.1:' . free_port();
+my ($port) = $site =~ /(\d+)$/;
+wait_for("$site/", start("$home/demo.log", './demo.sh', '--serve', "--port=$port"), "$home/demo.log");
+my $driver = 'http://127.0.0.1:' . free_port();
+($port) = $driver =~ /(\d+)$/;
+wait_for("$driver/status", start("$home/driver.log", 'chromedriver', "--port=$port"), "$home/driver.log");
+
+sub ask { # METHOD PATH [BODY]: what the browser answers
+    my ($method, $path, $body) = @_;
+    my %options = $body ? (content => encode_json($body)) : ();
+    my $response = $http->request($method, "$driver/session$path", \%options);
+    die "$method $path: $response->{content}\n" if !$response->{success};
+    return decode_json($response->{content})->{value};
+}
+
+my %chrome = (args => ['--headless', '--no-sandbox', '--disable-gpu', "--user-data-dir=$home/profile"]);
+my $session = '/' . ask(POST => '', {capabilities => {alwaysMatch => {'goog:chromeOptions' => \%chrome}}})->{sessionId};
+
+sub find { # HOW WHAT: an element, for which a page gets time to load
+    my ($how, $what) = @_;
+    return (values %{ask(POST => "$session/element", {using => $how, value => $what})})[0];
+}
+sub text_of  { ask(GET  => "$session/element/" . find('css selector', $_[0]) . '/text') }
+sub click    { ask(POST => "$session/element/" . find(@_) . '/click', {dummy => 1}) }
+sub type_in  { ask(POST => "$session/element/" . find('css selector', $_[0]) . '/value', {text => $_[1]}) }
+sub expect   { my ($got, $wanted, $what) = @_; $got =~ $wanted or die "$what: $got\n"; print "$what\n" }
+
+ask(POST => "$session/timeouts", {implicit => 10_000});
+ask(POST => "$session/url", {url => "$site/"});
+expect(text_of('h1'), qr/^Welcome$/, 'the start page opens');
+my $links = join ' ', map { ask(GET => "$session/element/" . (values %$_)[0] . '/attribute/href') }
+    @{ask(POST => "$session/elements", {using => 'css selector', value => 'a'})};
+expect($links, qr{guestbook\.pl.*stats\.php.*docs/.*tools/ping.*home}, 'it links what there is');
+click('link text', 'Read and sign the guestbook');
+type_in('input[name=name]', 'Visitor');
+type_in('textarea[name=message]', $text);
+click('css selector', 'button');
+expect(text_of('.entry b'), qr/^Visitor$/, 'the guestbook is signed');
+expect(text_of('.entry p'), qr/^\Q$text\E$/, 'the entry is shown, as text');
+ask(DELETE => $session);
