@@ -72,7 +72,7 @@ quietly() { # LOG COMMAND [ARGUMENT...]
 
 install_missing() {
     command -v dpkg-query >/dev/null ||
-        fail "this is no Debian system; see \"Building by hand\" in README.md"
+        fail "this is no Debian system; see \"Build\" in CONTRIBUTING.md"
     local package missing=()
     for package in "${debian_packages[@]}"; do
         is_installed "$package" || missing+=("$package")
