@@ -38,7 +38,8 @@ bool parse(int argc, char** argv, Words& words)
                "a word for the script; \"{application}\" in it is the application's directory");
     line.add()("apache-conf", po::value(&words.options.apacheConf),
                "write the Apache file of that name");
-    line.add()("force", flag(words.force), "go on with a package that has mistakes");
+    line.add()("force", flag(words.force),
+               "go on with mistakes of the package, and with an extraction that will fail");
     line.wait(words.wait);
     return line.parse(argc, argv);
 }

@@ -50,7 +50,8 @@ bool parse(int argc, char** argv, Words& words)
     line.add()("in-place", flag(words.inPlace),
                "install over the running tree where it cannot be exchanged; nothing is kept");
     line.add()("keep", po::value(&words.keep), "how many old trees are kept (1)");
-    line.add()("force", flag(words.force), "go on with a package that has mistakes");
+    line.add()("force", flag(words.force),
+               "go on with mistakes of the package, and with an extraction that will fail");
     line.wait(words.wait);
     return line.parse(argc, argv);
 }

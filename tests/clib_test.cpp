@@ -195,6 +195,7 @@ TEST(Processes, GetTheirStreamsAndNothingElseAndEndInAnExitCode)
                   + ") for 'job' process failed: No child processes (10)\n");
 }
 
+#ifndef ZENDREL_SANITIZED  // the leak check, too, has to start something
 /// Whoever runs the command waits for its end, not for what was never started.
 TEST(Processes, EndTheirCallerWhereThereCanBeNone)
 {
@@ -206,5 +207,6 @@ TEST(Processes, EndTheirCallerWhereThereCanBeNone)
               }),
               says_twice(1, "fork_execv_pipes: fork() failed\nSystem error 11: Resource temporarily unavailable\n"));
 }
+#endif
 
 }  // namespace

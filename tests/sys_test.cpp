@@ -215,6 +215,7 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
         const auto body = [] { run_told(std::get<1>(*current), std::get<2>(*current), std::get<3>(*current)); };
         EXPECT_EQ(in_child(body), (Result {9, out, err, 0})) << why;
     }
+#ifndef ZENDREL_SANITIZED  // the leak check, too, has to start something
     EXPECT_EQ(in_child([] {
                   const rlimit none = {};
                   if (setrlimit(RLIMIT_NPROC, &none) == 0 && setuid(kAlice) == 0)
@@ -224,6 +225,7 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
                   std::cout << unwaited.size();
               }),
               (Result {0, "Resource temporarily unavailable0", "", 0}));
+#endif
     TExec emptied = std::get<TExec>(cases[2]) * Handle<TExec::TPrepare>();
     emptied += emptied.prepare();
     EXPECT_TRUE(emptied.prepare()->exec_failed(emptied));
