@@ -1,21 +1,30 @@
-# What other programs build on: the libraries, their headers below "zendrel/", a CMake package and
-# pkg-config files.
+# Two components, which become a package each. "runtime" is what a host needs: the programs, and what
+# tells people, shells and the system about them.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
-set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zendrel)
-set(package ${CMAKE_INSTALL_LIBDIR}/cmake/zendrel)
-
-install(TARGETS zendrel zendrelctl RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES share/app-meta.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/zendrel)
+install(TARGETS zendrel zendrelctl COMPONENT runtime RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES share/app-meta.rng COMPONENT runtime DESTINATION ${CMAKE_INSTALL_DATADIR}/zendrel)
 foreach(page IN ITEMS zendrel.8 zendrelctl.8 app-meta.5 instance-list.5 oxa.conf.5 zendrel-sys.3)
     string(REGEX MATCH "[0-9]$" section ${page})
-    install(FILES docs/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+    set(component runtime)
+    if(section EQUAL 3)
+        set(component development)
+    endif()
+    install(FILES docs/man/${page} COMPONENT ${component}
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 # The guides tell to copy the examples.
 install(FILES docs/administrators.md docs/packages.md docs/apache.md docs/security.md
-    DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY examples/packages DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
+    COMPONENT runtime DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY examples/packages COMPONENT runtime USE_SOURCE_PERMISSIONS
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+# "development" is what other programs build on: the libraries, their headers below "zendrel/", a
+# CMake package and pkg-config files.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
+set(headers ${CMAKE_INSTALL_INCLUDEDIR}/zendrel)
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/zendrel)
 
 # Found from where the file lies, so that the tree may be moved.
 file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
@@ -50,3 +59,5 @@ configure_package_config_file(cmake/zendrelConfig.cmake.in zendrelConfig.cmake
 write_basic_package_version_file(zendrelConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/zendrelConfig.cmake
     ${PROJECT_BINARY_DIR}/zendrelConfigVersion.cmake DESTINATION ${package})
+install(FILES examples/CMakeLists.txt examples/pipeline.cpp
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzendrel-dev/examples)

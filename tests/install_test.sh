@@ -1,13 +1,13 @@
 #!/bin/sh
 # install_test.sh BUILD_DIR SOURCE_DIR FLAGS: installs into an empty folder, builds the example there
 # in both ways that a program finds the libraries, and runs it. There is no libxml2, and the program
-# has headers of its own with the names of ours.
+# has headers of its own with the names of ours. A host is given only the component it needs.
 set -eu
 build=$1 source=$2
 unset TMPDIR # its name may need quoting
 dir=$(mktemp -d /tmp/install.XXXXXX)
 trap 'rm -rf "$dir"' EXIT
-cmake --install "$build" --prefix "$dir/moved" >/dev/null
+cmake --install "$build" --component development --prefix "$dir/moved" >/dev/null
 mv "$dir/moved" "$dir/usr" # nothing may depend on where it was installed
 mkdir -p "$dir/user/common" "$dir/user/sys"
 for header in common/misc.h sys/TExec.h; do
@@ -27,9 +27,18 @@ c++ -std=c++17 $CXXFLAGS pipeline.cpp -o pipeline $(PKG_CONFIG_LIBDIR=$config pk
 for program in build/pipeline ./pipeline; do
     "$program" </dev/null | diff "$source/tests/golden/pipeline.txt" -
 done
-"$dir/usr/sbin/zendrel" --no-such-command 2>&1 | grep -q -- --extract-application
-cmp "$source/share/app-meta.rng" "$dir/usr/share/zendrel/app-meta.rng"
+
+host=$dir/host
+cmake --install "$build" --component runtime --prefix "$host" >/dev/null
+cmake --install "$build" --prefix "$dir/all" >/dev/null
+"$host/sbin/zendrel" --no-such-command 2>&1 | grep -q -- --extract-application
+cmp "$source/share/app-meta.rng" "$host/share/zendrel/app-meta.rng"
 for page in "$source"/docs/man/*.[1-9]; do
-    cmp "$page" "$dir/usr/share/man/man${page##*.}/${page##*/}"
+    cmp "$page" "$dir/all/share/man/man${page##*.}/${page##*/}"
 done
-[ "$("$dir/usr/sbin/zendrelctl" --version)" = "zendrelctl $(PKG_CONFIG_LIBDIR=$config pkg-config --modversion zendrel-sys)" ]
+if find "$host" -name '*.h' -o -name '*.a' -o -name '*.cmake' -o -name '*.pc' | grep .; then
+    exit 1
+fi
+(cd "$dir/all" && find . -type f | sort) >"$dir/whole"
+(cd "$dir/usr" && find . -type f && cd "$host" && find . -type f) | sort | diff "$dir/whole" -
+[ "$("$host/sbin/zendrelctl" --version)" = "zendrelctl $(PKG_CONFIG_LIBDIR=$config pkg-config --modversion zendrel-sys)" ]
