@@ -25,7 +25,7 @@ fi
 
 packages="g++ cmake make pkg-config clang-format clang-tidy shellcheck strace
     libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev libgtest-dev
-    apache2-bin libapache2-mod-php php-fpm php-cli perl curl mandoc"
+    apache2-bin libapache2-mod-php php-fpm php-cli perl curl mandoc bash-completion zsh"
 case "$*" in
     --fuzz) packages="cmake make clang libclang-rt-14-dev
         libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev" ;;
@@ -63,7 +63,8 @@ sources=$(find app common clib ctl sys tests examples bench fuzz -name '*.cpp' -
 say "Form: clang-format, shellcheck"
 # shellcheck disable=SC2086
 clang-format --dry-run --Werror $sources
-find . -path ./build -prune -o -name '*.sh' -print | sort | xargs shellcheck .ci/run .ci/matrix
+find . -path ./build -prune -o -name '*.sh' -print | sort |
+    xargs shellcheck .ci/run .ci/matrix share/completion/zendrel.bash
 
 for preset in release asan; do
     say "Building $preset"
