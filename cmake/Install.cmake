@@ -8,12 +8,17 @@ set(ZENDREL_ZSH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/zsh/site-functions
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
 install(TARGETS zendrel zendrelctl COMPONENT runtime RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES share/app-meta.rng COMPONENT runtime DESTINATION ${CMAKE_INSTALL_DATADIR}/zendrel)
+install(FILES share/app-meta.rng share/oxa.conf COMPONENT runtime
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zendrel)
 foreach(program IN ITEMS zendrel zendrelctl)  # bash-completion asks for a file by each name
     install(FILES share/completion/zendrel.bash COMPONENT runtime
         DESTINATION ${completions} RENAME ${program})
 endforeach()
 install(FILES share/completion/_zendrel COMPONENT runtime DESTINATION ${ZENDREL_ZSH_COMPLETIONS})
+foreach(kind IN ITEMS sysusers tmpfiles)  # below "lib" on every architecture
+    install(FILES share/${kind}.conf COMPONENT runtime
+        DESTINATION lib/${kind}.d RENAME zendrel.conf)
+endforeach()
 foreach(page IN ITEMS zendrel.8 zendrelctl.8 app-meta.5 instance-list.5 oxa.conf.5 zendrel-sys.3)
     string(REGEX MATCH "[0-9]$" section ${page})
     set(component runtime)

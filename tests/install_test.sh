@@ -41,4 +41,12 @@ if find "$host" -name '*.h' -o -name '*.a' -o -name '*.cmake' -o -name '*.pc' | 
 fi
 (cd "$dir/all" && find . -type f | sort) >"$dir/whole"
 (cd "$dir/usr" && find . -type f && cd "$host" && find . -type f) | sort | diff "$dir/whole" -
+
+# Each default is in the sample, commented out, and nothing else is.
+grep -v '^_' "$source/tests/golden/defaults.txt" | sort >"$dir/defaults"
+sed -n 's/^#\([A-Z]\)/\1/p' "$host/share/zendrel/oxa.conf" | sort | diff "$dir/defaults" -
+if grep -v '^#' "$host/share/zendrel/oxa.conf" | grep .; then
+    exit 1
+fi
+
 [ "$("$host/sbin/zendrelctl" --version)" = "zendrelctl $(PKG_CONFIG_LIBDIR=$config pkg-config --modversion zendrel-sys)" ]
