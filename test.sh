@@ -64,7 +64,7 @@ say "Form: clang-format, shellcheck"
 # shellcheck disable=SC2086
 clang-format --dry-run --Werror $sources
 find . -path ./build -prune -o -name '*.sh' -print | sort |
-    xargs shellcheck .ci/run .ci/matrix share/completion/zendrel.bash
+    xargs shellcheck .ci/run .ci/matrix share/completion/zendrel.bash debian/zendrel.post* debian/tests/guestbook debian/tests/library
 
 for preset in release asan; do
     say "Building $preset"

@@ -49,4 +49,7 @@ if grep -v '^#' "$host/share/zendrel/oxa.conf" | grep .; then
     exit 1
 fi
 
-[ "$("$host/sbin/zendrelctl" --version)" = "zendrelctl $(PKG_CONFIG_LIBDIR=$config pkg-config --modversion zendrel-sys)" ]
+# One version in all places.
+version=$(sed -n '1s/.*(\(.*\)).*/\1/p' "$source/debian/changelog")
+[ "$("$host/sbin/zendrelctl" --version)" = "zendrelctl $version" ]
+[ "$(PKG_CONFIG_LIBDIR=$config pkg-config --modversion zendrel-sys)" = "$version" ]
