@@ -111,7 +111,24 @@ for word in "$@"; do
     esac
 done
 END
-chmod +x "$SANDBOX_DIR/bin/apt-get"
+mv "$SANDBOX_DIR/bin/apache2ctl" "$SANDBOX_DIR/bin/apache2ctl.debian"
+cat >"$SANDBOX_DIR/bin/apache2ctl" <<'END'
+#!/bin/sh
+# Returns when the server has read its configuration, which it says in its log, and not before: what
+# people do next takes them longer than a script.
+ready() { grep -c 'resuming normal operations' /var/log/apache2/error.log 2>/dev/null; }
+before=$(ready)
+"$0.debian" "$@" || exit
+case ${1-} in
+    start | restart | graceful)
+        for _ in $(seq 3000); do
+            [ "$(ready)" = "$before" ] || break
+            sleep 0.01
+        done
+        ;;
+esac
+END
+chmod +x "$SANDBOX_DIR/bin/apt-get" "$SANDBOX_DIR/bin/apache2ctl"
 PATH=$SANDBOX_DIR/bin:$bin:$PATH
 export PATH LC_ALL=C
 php=$(find /etc/apache2/mods-available -name 'php*.load' -printf '%f\n' | sort | tail -n 1)
