@@ -6,7 +6,6 @@
 #include "app/fsappactions.h"
 #include "app/fsappmetadata.h"
 #include "app/options.h"
-#include "clib/tarvik_ugid.h"
 #include "common/ExSystemError.h"
 
 #include <boost/filesystem/operations.hpp>
@@ -39,7 +38,8 @@ constexpr char kMetadataName[] = "/APP-META.xml";
 /// Looking a missing group up by the host library would print a message.
 bool group_exists(const char* name)
 {
-    return getgrnam(name) != nullptr && get_group_id(name) != 0;
+    const group* const found = getgrnam(name);
+    return found != nullptr && found->gr_gid != 0;
 }
 
 /// @return the metadata; none when it cannot be read, which is reported.
