@@ -17,6 +17,7 @@
 #include <iostream>
 #include <limits>
 #include <sstream>
+#include <utility>
 
 namespace fs = boost::filesystem;
 
@@ -65,16 +66,23 @@ bool create_directories(const std::string& path)
     return true;
 }
 
+/// The same as `site_bits`, without looking the group up where the owner decides.
+mode_t bits_for_site(const struct stat& directory, uid_t siteUser)
+{
+    if (directory.st_uid == siteUser)
+        return site_bits(directory, siteUser, 0);
+    static const gid_t clients = get_group_id(kClientsGroup);
+    return site_bits(directory, siteUser, clients);
+}
+
 /// Lets the site's people work in a directory that the installation puts something into.
 /// @param directory  `dir`, opened as a place.
 /// @return false when the mode had to be changed and could not be, which is reported.
 bool makeUserWritableDir(const std::string& dir, int directory, const struct stat& status,
                          uid_t siteUser)
 {
-    static const gid_t clients = get_group_id(kClientsGroup);
-    const mode_t wanted = site_bits(status, siteUser, clients);
-    const mode_t mode = status.st_mode & kModeBits;
-    if ((mode | wanted) == mode || ::chmod(descriptor_path(directory).c_str(), mode | wanted) == 0)
+    const mode_t mode = (status.st_mode & kModeBits) | bits_for_site(status, siteUser);
+    if (is_open_to_site(status, siteUser) || ::chmod(descriptor_path(directory).c_str(), mode) == 0)
         return true;
     std::cerr << "Unable to change mode for " << dir << ": " << std::strerror(errno) << '\n';
     return false;
@@ -148,6 +156,22 @@ void settle_mode(int out, mode_t mode, bool& holds)
         static_cast<void>(::fchmod(out, mode));  // the content is there all the same
 }
 
+/// @return whether it may go well as soon as nobody else takes of what there is.
+bool is_shortage(int error)
+{
+    return error == ENOSPC || error == EDQUOT || error == EMFILE || error == ENFILE
+        || error == ENOMEM;
+}
+
+[[noreturn]] void throw_failure(const fs::filesystem_error& e, const std::string& source,
+                                const std::string& target)
+{
+    std::ostringstream text;
+    text << "Filesystem error: " << e.what() << "(" << e.code() << ")" << source << " -> "
+         << target;
+    throw FSAFileException(text.str());
+}
+
 }  // namespace
 
 mode_t installed_mode(const FSAInstallFileinfo& file)
@@ -160,38 +184,73 @@ mode_t site_bits(const struct stat& directory, uid_t siteUser, gid_t clients)
     return directory.st_uid == siteUser ? 0700 : directory.st_gid == clients ? 0070 : 0007;
 }
 
+bool is_open_to_site(const struct stat& directory, uid_t siteUser)
+{
+    const mode_t wanted = bits_for_site(directory, siteUser);
+    return (directory.st_mode & wanted) == wanted;
+}
+
 FileCopier::FileCopier(const std::string& packageDir, const std::string& appDir, uid_t siteUser,
                        TargetDirectories& known)
     : packageDir_(packageDir), appDir_(appDir), siteUser_(siteUser), known_(known),
-      buffer_(kBufferSize)
+      buffer_(new char[kBufferSize])
 {
+}
+
+void FileCopier::set_paths(const FSAInstallFileinfo& file)
+{
+    source_.assign(packageDir_).append("/").append(file.sourcePath);
+    target_.assign(appDir_).append("/").append(file.targetPath);
 }
 
 void FileCopier::install(const FSAInstallFileinfo& file)
 {
-    // These are written over what was allocated for the last file.
-    const std::string& source = source_.assign(packageDir_).append("/").append(file.sourcePath);
-    const std::string& target = target_.assign(appDir_).append("/").append(file.targetPath);
+    set_paths(file);
     try {
-        enter_parent(target);
-        if (!is_directory(source, file.type))
-            copy_file(source, target, file);
-        else if (struct stat made; create_directories(target) && ::lstat(target.c_str(), &made) == 0
-                 && S_ISDIR(made.st_mode))
-            known_.remember(target, made);
+        enter_parent(target_);
+        if (!is_directory(source_, file.type))
+            copy_file(file);
+        else if (struct stat made; create_directories(target_)
+                 && ::lstat(target_.c_str(), &made) == 0 && S_ISDIR(made.st_mode))
+            known_.remember(target_, made);
     } catch (const fs::filesystem_error& e) {
-        std::ostringstream text;
-        text << "Filesystem error: " << e.what() << "(" << e.code() << ")" << source << " -> "
-             << target;
-        throw FSAFileException(text.str());
+        throw_failure(e, source_, target_);
     }
+}
+
+bool FileCopier::copy_new(const FSAInstallFileinfo& file)
+{
+    set_paths(file);
+    try {
+        if (!is_settled(target_)) {
+            settledParent_.assign(target_, 0, target_.rfind('/'));
+            modesHold_[false] = modesHold_[true] = false;
+        }
+        TDescriptor in = open_source(file.type);
+        if (!in)
+            throw_unable_to_copy(source_, target_, errno);
+        TDescriptor out = create(installed_mode(file));
+        if (!out && errno == EEXIST)
+            return false;
+        fill(std::move(in), std::move(out), file);
+    } catch (const fs::filesystem_error& e) {
+        if (is_shortage(e.code().value()))
+            return false;
+        throw_failure(e, source_, target_);
+    }
+    return true;
+}
+
+bool FileCopier::is_settled(const std::string& target) const
+{
+    const std::size_t slash = target.rfind('/');
+    return slash > 0 && slash == settledParent_.size()
+        && target.compare(0, slash, settledParent_) == 0;
 }
 
 void FileCopier::enter_parent(const std::string& target)
 {
-    const std::size_t slash = target.rfind('/');
-    if (slash > 0 && slash == settledParent_.size()
-        && target.compare(0, slash, settledParent_) == 0)
+    if (is_settled(target))
         return;
     const std::string parent = fs::path(target).parent_path().native();
     settledParent_.clear();
@@ -208,50 +267,57 @@ void FileCopier::enter_parent(const std::string& target)
         settledParent_ = parent;
 }
 
-void FileCopier::copy_file(const std::string& source, const std::string& target,
-                           const FSAInstallFileinfo& file)
+void FileCopier::copy_file(const FSAInstallFileinfo& file)
 {
-    const mode_t mode = installed_mode(file);
-    const TDescriptor in = open_source(source, file.type);
+    TDescriptor in = open_source(file.type);
     if (!in) {
         const int error = errno;
-        remove_one(targets_.at(target), target);  // what stands there goes first all the same
-        throw_unable_to_copy(source, target, error);
+        remove_one(targets_.at(target_), target_);  // what stands there goes first all the same
+        throw_unable_to_copy(source_, target_, error);
     }
-    TDescriptor out = create_in_place_of(target, mode);
+    TDescriptor out = create_in_place(installed_mode(file));
+    fill(std::move(in), std::move(out), file);
+}
+
+/// @param out  the new file; none, with `errno`, where it could not be created.
+void FileCopier::fill(TDescriptor in, TDescriptor out, const FSAInstallFileinfo& file)
+{
     if (!out)
-        throw_unable_to_copy(source, target, errno);
+        throw_unable_to_copy(source_, target_, errno);
     if (copy_content(in.get(), out.get())) {
-        settle_mode(out.get(), mode, modesHold_[file.executable]);
+        settle_mode(out.get(), installed_mode(file), modesHold_[file.executable]);
         if (out.close())  // where some file systems report that a write has failed
             return;
     }
     const int error = errno;  // the error to report is the first
-    const PathAt at = targets_.at(target);
+    const PathAt at = targets_.at(target_);
     static_cast<void>(::unlinkat(at.directory, at.name, 0));
-    throw_unable_to_copy(source, target, error);
+    throw_unable_to_copy(source_, target_, error);
 }
 
-/// @return the new file, empty; none with `errno`. Whatever stood there is removed first.
-TDescriptor FileCopier::create_in_place_of(const std::string& target, mode_t mode)
+/// @return the new file, empty; none with `errno`, also where something stands.
+TDescriptor FileCopier::create(mode_t mode)
 {
-    const auto create = [this, mode](const std::string& path) {
-        const PathAt at = targets_.at(path);
-        const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
-        return TDescriptor(::openat(at.directory, at.name, flags, mode));
-    };
-    TDescriptor out = create(target);
+    const PathAt at = targets_.at(target_);
+    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+    return TDescriptor(::openat(at.directory, at.name, flags, mode));
+}
+
+/// The same, but whatever stands there is removed first.
+TDescriptor FileCopier::create_in_place(mode_t mode)
+{
+    TDescriptor out = create(mode);
     if (!out && (errno == EEXIST || errno == EISDIR)) {
-        remove_one(targets_.at(target), target);
-        out = create(target);
+        remove_one(targets_.at(target_), target_);
+        out = create(mode);
     }
     return out;
 }
 
 /// @return the source, open for reading; none with `errno`, also for what is no file.
-TDescriptor FileCopier::open_source(const std::string& source, EntryType type)
+TDescriptor FileCopier::open_source(EntryType type)
 {
-    const PathAt at = sources_.at(source);
+    const PathAt at = sources_.at(source_);
     const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;  // a named pipe must not block
     TDescriptor in(::openat(at.directory, at.name, flags));
     struct stat status;
@@ -267,13 +333,13 @@ TDescriptor FileCopier::open_source(const std::string& source, EntryType type)
 bool FileCopier::copy_content(int in, int out)
 {
     for (;;) {
-        const ssize_t count = retried([&] { return ::read(in, buffer_.data(), buffer_.size()); });
+        const ssize_t count = retried([&] { return ::read(in, buffer_.get(), kBufferSize); });
         if (count <= 0)
             return count == 0;
         if (!write_all(out, static_cast<std::size_t>(count)))
             return false;
         struct stat status;
-        if (count < static_cast<ssize_t>(buffer_.size()) || ::fstat(in, &status) != 0)
+        if (count < static_cast<ssize_t>(kBufferSize) || ::fstat(in, &status) != 0)
             continue;
         if (is_sparse(status))
             return copy_sparse(in, out, count, status.st_size);
@@ -284,7 +350,7 @@ bool FileCopier::copy_content(int in, int out)
 
 bool FileCopier::write_all(int out, std::size_t size)
 {
-    for (const char* next = buffer_.data(); size > 0;) {
+    for (const char* next = buffer_.get(); size > 0;) {
         const ssize_t count = retried([&] { return ::write(out, next, size); });
         if (count < 0)
             return false;
@@ -320,8 +386,8 @@ bool FileCopier::copy_range(int in, int out, off_t start, off_t end)
     start += copy_in_kernel(in, out, end - start);
     while (start < end) {
         const auto left = static_cast<std::size_t>(end - start);
-        const std::size_t size = std::min(buffer_.size(), left);
-        const ssize_t count = retried([&] { return ::read(in, buffer_.data(), size); });
+        const std::size_t size = std::min(kBufferSize, left);
+        const ssize_t count = retried([&] { return ::read(in, buffer_.get(), size); });
         if (count <= 0)
             return count == 0;
         if (!write_all(out, static_cast<std::size_t>(count)))

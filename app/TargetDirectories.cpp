@@ -56,6 +56,11 @@ bool TargetDirectories::knows(const std::string& path) const
     return known_.count(path_key(path)) != 0;
 }
 
+void TargetDirectories::forget(const std::string& path)
+{
+    known_.erase(path_key(path));
+}
+
 bool TargetDirectories::is_another(const std::string& path, const struct stat& status) const
 {
     const auto known = known_.find(path_key(path));

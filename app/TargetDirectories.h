@@ -28,6 +28,9 @@ public:
 
     bool knows(const std::string& path) const;
 
+    /// What was at `path` has been removed again.
+    void forget(const std::string& path);
+
     /// @return whether another directory than this one is known by that path.
     bool is_another(const std::string& path, const struct stat& status) const;
 

@@ -1,8 +1,8 @@
 #include "app/fsappactions.h"
 
-#include "app/FileCopier.h"
 #include "app/InstallPlan.h"
 #include "app/InstallUndo.h"
+#include "app/InstallWalk.h"
 #include "app/ModeWidener.h"
 #include "app/SiteUser.h"
 #include "app/TargetDirectories.h"
@@ -17,9 +17,7 @@ namespace {
 void install(const InstallPlan& plan, const std::string& packageDir, const std::string& appDir,
              uid_t siteUser, bool makeWebserverWritable, TargetDirectories& directories)
 {
-    FileCopier copier(packageDir, appDir, siteUser, directories);
-    for (const auto& [target, file] : plan.files)
-        copier.install(file);
+    install_targets(plan, packageDir, appDir, siteUser, directories);
     if (makeWebserverWritable)
         widen_writable_mappings(plan, appDir, directories, siteUser);
 }

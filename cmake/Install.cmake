@@ -65,7 +65,7 @@ zendrel_install(xml "reading hostile XML" "libxml-2.0" "")
 zendrel_install(clib "the panel's C functions" "" "")
 zendrel_install(sys "running programs, pipelines and redirections" "zendrel-common" "")
 zendrel_install(app "deploying packaged web applications" "zendrel-common zendrel-xml zendrel-clib"
-    "-lboost_filesystem -lboost_program_options")
+    "-lboost_filesystem -lboost_program_options -pthread")
 
 install(EXPORT zendrel NAMESPACE zendrel:: FILE zendrelTargets.cmake DESTINATION ${package})
 configure_package_config_file(cmake/zendrelConfig.cmake.in zendrelConfig.cmake

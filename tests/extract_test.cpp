@@ -36,13 +36,13 @@ protected:
         return result;
     }
     /// The same under a tracer that makes calls fail, or stops the program at one of them and runs commands
-    /// meanwhile: "chmod:signal=STOP:when=2".
+    /// meanwhile: "chmod:signal=STOP:when=2". It gets no second thread, so that calls can be counted.
     Result traced(const std::string& injection, const std::string& meanwhile = "", const Words& changes = {}) const
     {
         const std::string calls = injection.substr(0, injection.find(':'));
         site_.write("run",
                     "export ASAN_OPTIONS=detect_leaks=0\nrm -f trace\nstrace -fo trace -e trace=" + calls
-                        + " -e inject=" + injection + " " ZENDREL_PROGRAM " \"$@\" &\n"
+                        + " -e inject=" + injection + " prlimit --nproc=1 " ZENDREL_PROGRAM " \"$@\" &\n"
                         + (meanwhile.empty() ? ""
                                              : "until grep -qs 'stopped by' trace; do kill -0 $! || exit 9; done\n"
                                    + meanwhile + "\nkill -CONT $(sed 's/ .*//;q' trace)\n")
