@@ -40,6 +40,8 @@ public:
     using iterator = std::vector<InstanceFile>::iterator;
     iterator begin() { return files_.begin(); }
     iterator end() { return files_.end(); }
+    std::size_t size() const { return files_.size(); }
+    const InstanceFile& operator[](std::size_t index) const { return files_[index]; }
 
 private:
     const char* store(std::string_view key, std::string_view path);
