@@ -1,8 +1,8 @@
 #pragma once
 
+#include "app/Workers.h"
 #include "ctl/Output.h"
 
-#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <thread>
@@ -12,7 +12,10 @@ namespace tarvik::ctl {
 /// Numbered pieces of work, for threads to take one after the other.
 class Pieces {
 public:
-    Pieces(const char* what, std::size_t count) : progress_(what, count), count_(count) { }
+    Pieces(const char* what, std::size_t count)
+        : progress_(what, count), count_(count), pieces_(count)
+    {
+    }
 
     /// @param piece  receives the number of one that nobody else gets. @return false: none is left.
     bool take(std::size_t& piece);
@@ -24,13 +27,12 @@ private:
     Progress progress_;
     const std::thread::id shower_ = std::this_thread::get_id();
     const std::size_t count_;
-    std::atomic<std::size_t> next_ {0};
+    tarvik::Pieces pieces_;
 };
 
 /**
- * Does what has to do with many files, with as many threads as there are processors for this
- * process, up to 8; fewer where the system refuses them. A process that has started threads must
- * not fork any more.
+ * Does what has to do with many files, in as many threads as there are processors for this process,
+ * as `tarvik::side_by_side` does.
  * @param what  said of it while it takes long, as for a Progress.
  * @param work  called in each thread; takes pieces until none is left, and must not throw there.
  */
