@@ -26,8 +26,8 @@ if(ZENDREL_SANITIZE)
     # The checks confuse the compiler's analysis of library headers; the release build has it.
     target_compile_options(zendrel_settings INTERFACE
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
-        -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
-    target_link_options(zendrel_settings INTERFACE -fsanitize=address,undefined)
+        -fsanitize=${ZENDREL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(zendrel_settings INTERFACE -fsanitize=${ZENDREL_SANITIZE})
 else()
     # The program runs as root on machines full of other people's sites.
     check_cxx_compiler_flag(-fstack-clash-protection ZENDREL_HAS_STACK_CLASH_PROTECTION)
