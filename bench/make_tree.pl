@@ -1,11 +1,11 @@
 #!/usr/bin/perl
-# make_tree.pl PACKAGE FILES|large: makes a package whose htdocs/ holds that many small files in a
-# tree of two levels, or 1 GiB in four files. It comes out the same everywhere: the generator is
-# seeded and is Perl's own.
+# make_tree.pl PACKAGE FILES|FILES-deep|large: makes a package whose htdocs/ holds that many small files in
+# a tree of two levels with 50 to a directory, or of up to ten levels with 14, or 1 GiB in four files. It
+# comes out the same everywhere: the generator is seeded and is Perl's own.
 use strict;
 use warnings;
 
-use constant {FILES_PER_DIR => 50, DIRS_PER_DIR => 40, MEDIAN => 2048, SPREAD => 1.1, MAX => 65536};
+use constant {FILES_PER_DIR => 50, DIRS_PER_DIR => 40, FILES_PER_DEEP => 14, DEEPEST => 10, MEDIAN => 2048, SPREAD => 1.1, MAX => 65536};
 
 my ($package, $files) = @ARGV;
 my $htdocs = "$package/htdocs";
@@ -30,14 +30,33 @@ sub size {
     return $size < MAX ? $size : MAX;
 }
 
+sub put_file {
+    my ($directory, $index) = @_;
+    my $name = sprintf 'page-%06d.%s', $index, $extensions[rand @extensions];
+    put("$directory/$name", substr($content, rand MAX, size()), 1);
+}
+
+# Below any directory that is not at the deepest level yet.
+my @parents = [$htdocs, 1];
+my $deep;
+
+sub put_deep {
+    my ($index) = @_;
+    if ($index % FILES_PER_DEEP == 0) {
+        my ($parent, $level) = @{$parents[rand @parents]};
+        make_dir($deep = sprintf '%s/d%d', $parent, $index / FILES_PER_DEEP);
+        push @parents, [$deep, $level + 1] if $level + 1 < DEEPEST;
+    }
+    put_file($deep, $index);
+}
+
 sub put_small {
     my ($index) = @_;
     my $module = sprintf "$htdocs/module-%02d", $index / (FILES_PER_DIR * DIRS_PER_DIR);
     my $part = sprintf "$module/part-%02d", $index / FILES_PER_DIR % DIRS_PER_DIR;
     make_dir($module) if $index % (FILES_PER_DIR * DIRS_PER_DIR) == 0;
     make_dir($part) if $index % FILES_PER_DIR == 0;
-    my $name = sprintf 'page-%06d.%s', $index, $extensions[rand @extensions];
-    put("$part/$name", substr($content, rand MAX, size()), 1);
+    put_file($part, $index);
 }
 
 make_dir($package);
@@ -51,5 +70,6 @@ XML
 if ($files eq 'large') {
     put("$htdocs/disc-$_.iso", $content, 256) for 1 .. 4;
 } else {
-    put_small($_) for 0 .. $files - 1;
+    my ($count, $is_deep) = $files =~ /^(\d+)(-deep)?$/ or die "$files: neither a number nor large\n";
+    $is_deep ? put_deep($_) : put_small($_) for 0 .. $count - 1;
 }

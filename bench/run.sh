@@ -4,7 +4,7 @@
 #
 #   bench/run.sh [--quick] [--write]
 #
-#   --quick  only 1,000 and 10,000 files, fewer rounds, no starts of programs.
+#   --quick  only 1,000 and 10,000 files, fewer rounds, no starts of programs, no delays.
 #   --write  also put the results into docs/performance.md and docs/performance.svg.
 #
 # Runs as root and installs the Debian packages it misses. ZENDREL=PROGRAM measures another build
@@ -34,7 +34,7 @@ install_missing() {
         || fail "could not install ${packages[*]}"
 }
 
-build() { (cd "$root" && cmake --preset release && cmake --build --preset release --target zendrel spawn); }
+build() { (cd "$root" && cmake --preset release && cmake --build --preset release --target zendrel spawn zendrel_workers_{1,2,4,8}); }
 
 if [ "${1-}" != --inside ]; then
     [[ " $* " =~ ^(\ (--quick|--write))*\ +$ ]] || fail "usage: $0 [--quick] [--write]"
@@ -53,6 +53,11 @@ memory=$SANDBOX_DIR/memory
 mkdir "$disk" "$memory"
 cp "$program" "$SANDBOX_DIR/zendrel" # a build may go on meanwhile
 program=$SANDBOX_DIR/zendrel
+counts=()
+if [ -z "${ZENDREL-}" ]; then
+    counts=(1 2 4 8)
+    cp "$root"/build/release/zendrel_workers_? "$SANDBOX_DIR"
+fi
 trap 'umount "$disk" "$memory" 2>/dev/null || true' EXIT
 
 # The image has no name once it is mounted, so that it goes with the mount, however this ends.
@@ -101,14 +106,15 @@ make_package() { # PLACE SIZE
 
 # Sets `command` to the tool's, and `user` to the one who has to start it.
 prepare_command() { # TOOL PLACE
-    local docroot=$2/vhost/docroot
+    local docroot=$2/vhost/docroot chosen=$program
+    [[ $1 != */* ]] || chosen=$SANDBOX_DIR/zendrel_workers_${1#*/}
     local options=("--vhost-path=$2/vhost" --user-name=alice --application-subdirectory=.
         "--www-root=$docroot")
     user=alice
     case $1 in
-    extract) user=root command=("$program" --extract-application --metadata-file= "${options[@]}"
+    extract*) user=root command=("$chosen" --extract-application --metadata-file= "${options[@]}"
         "--application-full-name=file:///$2/package") ;;
-    delete) user=root command=("$program" --delete-application "${options[@]}") ;;
+    delete*) user=root command=("$chosen" --delete-application "${options[@]}") ;;
     'cp -r') command=(cp -r "$2/package/htdocs/." "$docroot") ;;
     'rsync -a') command=(rsync -a "$2/package/htdocs/" "$docroot") ;;
     'rm -rf') command=(rm -rf "$docroot") ;;
@@ -123,7 +129,7 @@ run() { # TOOL PLACE WRAPPER...
     rm -rf "$vhost"
     mkdir -p "$vhost/docroot"
     chown -R alice:oxacln "$vhost"
-    if [[ $tool = delete || $tool = rm* ]]; then
+    if [[ $tool = delete* || $tool = rm* ]]; then
         prepare_command extract "$place"
         "${command[@]}" || fail "extract failed"
     fi
@@ -133,7 +139,7 @@ run() { # TOOL PLACE WRAPPER...
         "$@" "${command[@]}" 2>&1 >/dev/null <"$place/list.xml") \
         || fail "$tool failed: $output"
     case $tool in
-    delete | rm*) [ -z "$(ls -A "$vhost/docroot" 2>/dev/null)" ] || fail "$tool left files" ;;
+    delete* | rm*) [ -z "$(ls -A "$vhost/docroot" 2>/dev/null)" ] || fail "$tool left files" ;;
     *) [ "$(content_of "$vhost/docroot")" = "$content" ] || fail "$tool made an incomplete copy" ;;
     esac
 }
@@ -157,17 +163,37 @@ measure_once() { # SIZE
 
 # The clock is read next to the command, so that becoming its user does not count.
 # shellcheck disable=SC2016
-stopwatch='start=${EPOCHREALTIME/./}; "$@" || exit; echo $((${EPOCHREALTIME/./} - start)) >&2'
+stopwatch='TIMEFORMAT="%U %S"; start=${EPOCHREALTIME/./}; time "$@" || exit
+    echo $((${EPOCHREALTIME/./} - start)) >&2'
+
+record_run() { # TOOL FILE_SYSTEM PLACE SIZE WRAPPER...
+    local tool=$1 name=$2 place=$3 size=$4
+    shift 4
+    run "$tool" "$place" bash -c "$stopwatch" stopwatch "$@"
+    record time "$tool" "$name" "$size" "${output##*$'\n'}"
+    record cpu "$tool" "$name" "$size" "$(awk 'NR == 1 { printf "%.0f", ($1 + $2) * 1e6 }' <<<"$output")"
+}
+
+# Where every call waits, as on a network. The tracer lets the threads wait at the same time.
+measure_delayed() { # SIZE
+    local tool calls=%file,%desc
+    make_package "${places[-1]#* }" "$1"
+    for tool in extract 'cp -r'; do
+        say "$1 files with delays, $tool"
+        record_run "$tool" delayed "${places[-1]#* }" "$1" \
+            strace -fqqo /dev/null -e "trace=$calls" -e "inject=$calls:delay_enter=500"
+    done
+}
 
 measure_rounds() { # SIZE ROUNDS
-    local round place tool
+    local round place tool by_count=()
+    [ "$1" != 10000 ] || by_count=("${counts[@]/#/extract/}" "${counts[@]/#/delete/}")
     for place in "${places[@]}"; do # one after the other, or each would have to fetch the other's memory
         [[ $1 != large || $place = "${places[0]}" ]] || continue
         for ((round = 1; round <= $2; ++round)); do
             say "$1 files on ${place% *}, round $round of $2"
-            for tool in "${tools[@]}"; do
-                run "$tool" "${place#* }" bash -c "$stopwatch" stopwatch
-                record time "$tool" "${place% *}" "$1" "$output"
+            for tool in "${tools[@]}" ${by_count:+"${by_count[@]}"}; do
+                record_run "$tool" "${place% *}" "${place#* }" "$1"
             done
             rm -rf "${place#* }/vhost"
             tools=("${tools[@]:1}" "${tools[0]}") # nobody always goes first
@@ -182,7 +208,7 @@ record info Kernel "Linux $(uname -r | sed 's/[^0-9.].*//')"
 record info 'File system' "$disk_is"
 record info 'Load before' "$(cut -d ' ' -f 1 /proc/loadavg)"
 # Short runs need more of them, and so do large files, which depend on the state of the memory.
-runs=('1000 25' '10000 9' '100000 9' 'large 9')
+runs=('25 25' '1000 25' '10000 9' '10000-deep 9' '100000 7' 'large 9')
 [[ $* != *--quick* ]] || runs=('1000 11' '10000 5')
 if [[ $* != *--quick* && -x $root/build/release/spawn ]]; then
     say "starting programs"
@@ -196,6 +222,7 @@ for size_rounds in "${runs[@]}"; do
     measure_once "$size"
     measure_rounds "$size" "$rounds"
 done
+[[ $* = *--quick* ]] || measure_delayed 10000
 documents=()
 [[ $* != *--write* ]] || documents=("$root/docs/performance.md" "$root/docs/performance.svg")
 "$bench/report.pl" "$results" "${documents[@]}"
