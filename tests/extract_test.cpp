@@ -445,7 +445,7 @@ TEST_F(Extract, FailingCallsAreMetAndUndone)
     site_.shell("truncate -s 1M package/htdocs/a; echo end >>package/htdocs/a");  // which is read otherwise
     EXPECT_EQ(traced("read,copy_file_range:error=EXDEV -e inject=read:error=EIO:when=2" + source),
               copy("Input/output error", "5"));
-    EXPECT_EQ(traced("write,copy_file_range:error=EXDEV -e inject=write:error=ENOSPC:when=2" + target),
+    EXPECT_EQ(traced("write,copy_file_range:error=EXDEV -e inject=write:error=ENOSPC:when=2+" + target),
               copy("No space left on device", "28"));
     EXPECT_EQ(traced("ftruncate:error=EIO"), copy("Input/output error", "5"));
     EXPECT_EQ(traced("lseek:error=EINVAL:when=1" + source), says(0, ""));  // the holes cannot be told
