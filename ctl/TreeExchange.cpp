@@ -1,19 +1,14 @@
 #include "ctl/TreeExchange.h"
 
-#include "app/ModeWidener.h"
 #include "app/SiteUser.h"
 #include "common/misc.h"
 #include "ctl/Child.h"
-#include "ctl/Digest.h"
 #include "ctl/InstanceStore.h"
 #include "ctl/KeptTrees.h"
-#include "ctl/Manifest.h"
+#include "ctl/NextTree.h"
 #include "ctl/TreeTakeover.h"
 #include "ctl/TreeUse.h"
 #include "ctl/Trouble.h"
-#include "ctl/commands.h"
-
-#include <boost/algorithm/string.hpp>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -24,8 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <unordered_map>
-#include <unordered_set>
+#include <utility>
 
 namespace tarvik::ctl {
 
@@ -33,16 +27,6 @@ namespace {
 
 constexpr int kPlace = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr mode_t kClosed = 0700;
-
-using Names = std::unordered_set<std::string>;
-
-Names names_of(const Release& release)
-{
-    Names names;
-    for (const RecordedFile& file : release.files)
-        names.insert(file.path);
-    return names;
-}
 
 [[noreturn]] void throw_failed(const std::string& path)
 {
@@ -71,160 +55,17 @@ void do_as(const Site& site, const Task& task)
     }));
 }
 
+void set_own_mode(const std::string& directory, mode_t mode)
+{
+    const TDescriptor tree(::open(directory.c_str(), kPlace));
+    if (!tree || ::chmod(descriptor_path(tree.get()).c_str(), mode) != 0)
+        throw_failed(directory);
+}
+
 void set_mode(const Site& site, const std::string& name, mode_t mode)
 {
-    do_as(site, [&] {
-        const std::string path = beside_path(site, name);
-        const TDescriptor tree(::open(path.c_str(), kPlace));
-        if (!tree || ::chmod(descriptor_path(tree.get()).c_str(), mode) != 0)
-            throw_failed(path);
-    });
+    do_as(site, [&] { set_own_mode(beside_path(site, name), mode); });
 }
-
-/// Installed files in the writable mappings that are not what was installed any more: the site's
-/// own by now. Asked for as the site's user.
-std::vector<std::string> changed_by_site(const std::string& tree, const Release& release)
-{
-    const WritableArea area(release);
-    std::unordered_map<std::string, std::string> wanted;
-    std::vector<std::string> paths;
-    for (const RecordedFile& file : release.files) {
-        if (!file.directory && area.has(file.path)) {
-            wanted[file.path] = file.sha256;
-            paths.push_back(file.path);
-        }
-    }
-    if (paths.empty())
-        return {};
-    const std::vector<Digest> read = digests(tree, paths);
-    std::vector<std::string> changed;
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-        if (read[i].error != ENOENT && read[i].sha256 != wanted[paths[i]])
-            changed.push_back(paths[i]);
-    }
-    return changed;
-}
-
-Names ask_changed(const Site& site, const std::string& tree, const Release& release)
-{
-    const std::string text = ask_as(site.userName, [&] {
-        return boost::join(changed_by_site(tree, release), std::string(1, '\0'));
-    });
-    Names names;
-    if (!text.empty())
-        boost::split(names, text, [](char byte) { return byte == '\0'; });
-    return names;
-}
-
-/// What of the running tree goes into the next one.
-class NextTree {
-public:
-    NextTree(const Release& old, const Release& next, Names changed)
-        : old_(names_of(old)), next_(names_of(next)), changed_(std::move(changed)), area_(next),
-          script_(next.options.script), widens_(!next.options.skipWebserverWrite)
-    {
-    }
-
-    Take decide(const std::string& path, const struct stat& status) const
-    {
-        const bool stale = old_.count(path) != 0 && next_.count(path) == 0;
-        if (S_ISDIR(status.st_mode))
-            return stale ? Take::IfNeeded : Take::Link;
-        if (is_brought(path) || (stale && changed_.count(path) == 0))
-            return Take::Skip;
-        return would_be_touched(path, status) ? Take::Copy : Take::Link;
-    }
-
-    /// The next release has it, and the site has not changed it.
-    bool is_brought(const std::string& path) const
-    {
-        return next_.count(path) != 0 && changed_.count(path) == 0;
-    }
-
-    mode_t bits(const std::string& path, const struct stat& made) const
-    {
-        return widens_ && area_.has(path) ? required_bits(made, ::geteuid()) : 0;
-    }
-
-private:
-    /// A link would carry what happens to the next tree over to the running one: the script writes
-    /// to files, and opening a mapping to the web server changes modes.
-    bool would_be_touched(const std::string& path, const struct stat& status) const
-    {
-        if (!area_.has(path))
-            return script_;
-        const mode_t bits = S_ISREG(status.st_mode) ? required_bits(status, ::geteuid()) : 0;
-        return widens_ && status.st_uid == ::geteuid() && (status.st_mode & bits) != bits;
-    }
-
-    Names old_, next_, changed_;
-    WritableArea area_;
-    bool script_, widens_;
-};
-
-/// What has come to one tree, or is newer there, and is to be in another one: visitors put files
-/// into the writable mappings, and the owner may put them anywhere.
-class NewFiles {
-public:
-    NewFiles(const Site& site, const std::string& fromTree, const Release& from,
-             const std::string& toTree, const Release& to)
-        : user_(site.userName), fromTree_(fromTree), toTree_(toTree), writable_(from.writableDirs),
-          changed_(ask_changed(site, fromTree, from)), installed_(names_of(from)),
-          next_(from, to, changed_)
-    {
-        rules_.decide = [this](const std::string& path, const struct stat& status) {
-            if (S_ISDIR(status.st_mode))
-                return next_.decide(path, status);
-            return is_installed(path) ? Take::Skip : Take::Link;
-        };
-        rules_.pass_over = [this](const std::string& path, EntryType type) {
-            return type == EntryType::Regular && is_installed(path);
-        };
-        rules_.bits = [this](const std::string& path, const struct stat& made) {
-            return next_.bits(path, made);
-        };
-        rules_.existing = Existing::StaysUnlessOlder;
-    }
-    NewFiles(const NewFiles&) = delete;
-    NewFiles& operator=(const NewFiles&) = delete;
-
-    void take_all() const
-    {
-        take_over_rest(user_, fromTree_, toTree_, rules_.existing,
-                       take_over_as(user_, fromTree_, toTree_, rules_, {""}));
-    }
-
-    /// A last look at what visitors make as the web server's account.
-    void take_web_servers() const
-    {
-        TakeoverRules own = rules_;
-        own.decide = [this](const std::string& path, const struct stat& status) {
-            const bool mine = status.st_uid == ::geteuid();
-            if (S_ISDIR(status.st_mode))
-                return mine ? Take::Link : Take::IfNeeded;
-            return mine ? rules_.decide(path, status) : Take::Skip;
-        };
-        static_cast<void>(take_over_as(kWebServerUser, fromTree_, toTree_, own, writable_));
-    }
-
-    /// A last look at what they make as the site's user, by a process that is this user.
-    void take_own() const { static_cast<void>(take_over(fromTree_, toTree_, rules_, writable_)); }
-
-private:
-    bool is_installed(const std::string& path) const
-    {
-        return installed_.count(path) != 0 && changed_.count(path) == 0;
-    }
-
-    const std::string& user_;
-    const std::string& fromTree_;
-    const std::string& toTree_;
-    const std::vector<std::string>& writable_;
-    const Names changed_;
-    const Names installed_;
-    const NextTree next_;
-    TakeoverRules rules_;
-};
 
 /// The first name for an older kept tree that none has.
 std::string older_name(const InstanceRecord& record)
@@ -238,31 +79,33 @@ std::string older_name(const InstanceRecord& record)
     }
 }
 
-/// Gives the old tree its place beside the application, after what was there. A second time it does
-/// what is left to do.
+/// Gives the old tree its place beside the application, after what was there, and closes it, as the
+/// old release could still be visited there. A second time it does what is left to do.
 void keep_old_tree(InstanceRecord& record)
 {
     const Exchange& exchange = *record.exchange;
     const std::string latest = previous_name(location_of(record.site).name);
-    if (exchange.directory == latest) {  // it stands in the place of the tree that came in
-        record.kept.erase(record.kept.begin());
-    } else {
-        const std::string older = older_name(record);
-        const std::string from = beside_path(record.site, exchange.directory);
-        const std::string to = beside_path(record.site, latest);
-        do_as(record.site, [&] {
-            if (!identity_of(from))
-                return;
+    // It may stand in the place of the tree that came in.
+    const bool swapped = exchange.directory == latest;
+    const std::string older = older_name(record);
+    const std::string from = beside_path(record.site, exchange.directory);
+    const std::string to = beside_path(record.site, latest);
+    do_as(record.site, [&] {
+        if (!swapped && identity_of(from)) {
             if (identity_of(to)
                 && ::rename(to.c_str(), beside_path(record.site, older).c_str()) != 0)
                 throw_failed(to);
             if (::rename(from.c_str(), to.c_str()) != 0)
                 throw_failed(from);
-        });
-        if (!record.kept.empty())
-            record.kept.front().directory = older;
-    }
-    record.kept.insert(record.kept.begin(), {latest, exchange.outgoingMode, record.current});
+        }
+        set_own_mode(to, kClosed);
+    });
+    if (swapped)
+        record.kept.erase(record.kept.begin());
+    else if (!record.kept.empty())
+        record.kept.front().directory = older;
+    record.kept.insert(record.kept.begin(),
+                       {latest, exchange.outgoingMode, std::move(record.current)});
 }
 
 void exchange_names(const std::string& appDir, const std::string& other)
@@ -272,16 +115,35 @@ void exchange_names(const std::string& appDir, const std::string& other)
                       + "; see --in-place");
 }
 
+/// What visitors make from here on is not in the other tree before all is over, and who makes a
+/// file of the same name there meanwhile makes another one: so the last look comes last.
+void exchange_trees(const InstanceRecord& record, const std::string& other)
+{
+    const Site& site = record.site;
+    const std::string appDir = site.application_dir();
+    const NewFiles files(site, appDir, record.current, other, record.exchange->release);
+    files.take_all();
+    Question exchanger(site.userName, [&] {
+        if (told_to_go()) {
+            files.take_own();
+            exchange_names(appDir, other);
+        }
+        return std::string();
+    });
+    files.take_web_servers();
+    exchanger.go();
+    static_cast<void>(exchanger.answer());
+}
+
 /// All that comes after the exchange.
 void finish(InstanceRecord& record)
 {
     const Site& site = record.site;
-    const std::string latest = previous_name(location_of(site).name);
-    load_files(record.name, record.exchange->release);
-    const Exchange done = *record.exchange;
+    Exchange& done = *record.exchange;
+    load_files(record.name, done.release);
     // After a kill the old tree may have its last name already.
     const bool moved = !identity_of(beside_path(site, done.directory));
-    const std::string oldName = moved ? latest : done.directory;
+    const std::string oldName = moved ? previous_name(location_of(site).name) : done.directory;
     const std::string oldTree = beside_path(site, oldName);
     set_mode(site, oldName, done.outgoingMode);
     if (!wait_until_unused(oldTree))
@@ -289,8 +151,7 @@ void finish(InstanceRecord& record)
     const std::string appDir = site.application_dir();
     NewFiles(site, oldTree, record.current, appDir, done.release).take_all();
     keep_old_tree(record);
-    set_mode(site, latest, kClosed);  // else the old release could still be visited there
-    record.current = done.release;
+    record.current = std::move(done.release);
     record.exchange.reset();
     save(record);
 }
@@ -338,13 +199,13 @@ Pending copy_beside(const InstanceRecord& record, const Release& next)
     const Site& site = record.site;
     const std::string appDir = site.application_dir();
     const std::string copy = beside_path(site, record.exchange->directory);
-    const Names changed = ask_changed(site, appDir, record.current);
+    const Names changed = changed_by_site(site, appDir, record.current);
     const NextTree rules(record.current, next, changed);
     do_as(site, [&] {
         if (::mkdir(copy.c_str(), kClosed) != 0)
             throw_failed(copy);
+        set_own_mode(copy, record.exchange->outgoingMode);
     });
-    set_mode(site, record.exchange->directory, record.exchange->outgoingMode);
     TakeoverRules takeover;
     takeover.decide = [&](const auto& path, const auto& status) {
         return rules.decide(path, status);
@@ -396,27 +257,12 @@ Exchange begun_exchange(const InstanceRecord& record, const std::string& command
 
 void exchange(InstanceRecord& record)
 {
-    const Site& site = record.site;
-    const std::string appDir = site.application_dir();
-    const std::string other = beside_path(site, record.exchange->directory);
+    const std::string other = beside_path(record.site, record.exchange->directory);
     record.exchange->incoming = identity_of(other);
     if (!record.exchange->incoming)
         throw_failed(other);
     save(record);
-    // What visitors make from here on is not in the other tree before all is over, and who makes a
-    // file of the same name there meanwhile makes another one: so the last look comes last.
-    const NewFiles files(site, appDir, record.current, other, record.exchange->release);
-    files.take_all();
-    Question exchanger(site.userName, [&] {
-        if (told_to_go()) {
-            files.take_own();
-            exchange_names(appDir, other);
-        }
-        return std::string();
-    });
-    files.take_web_servers();
-    exchanger.go();
-    static_cast<void>(exchanger.answer());
+    exchange_trees(record, other);
     finish(record);
 }
 
