@@ -138,19 +138,20 @@ Rows::~Rows()
     }
 }
 
-void Rows::add(std::vector<std::string> cells, Tone tone)
+void Rows::add(std::initializer_list<std::string_view> cells, Tone tone)
 {
-    for (std::string& cell : cells) {
-        if (!is_plain(cell))
-            cell = printable(cell);
-    }
     if (aligned_) {
-        rows_.push_back({std::move(cells), tone});
+        Row row = {{}, tone};
+        for (const std::string_view cell : cells)
+            row.cells.push_back(printable(cell));
+        rows_.push_back(std::move(row));
         return;
     }
     line_.clear();
-    for (const std::string& cell : cells)
-        line_.append(line_.empty() ? "" : " ").append(cell);
+    for (const std::string_view cell : cells) {
+        line_.append(line_.empty() ? "" : " ");
+        is_plain(cell) ? line_.append(cell) : line_.append(printable(cell));
+    }
     std::cout << (line_ += '\n');
 }
 

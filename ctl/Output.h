@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -33,7 +34,7 @@ public:
     ~Rows();
 
     /// @param cells  shown as `printable` has them.
-    void add(std::vector<std::string> cells, Tone tone = Tone::Plain);
+    void add(std::initializer_list<std::string_view> cells, Tone tone = Tone::Plain);
 
 private:
     struct Row {

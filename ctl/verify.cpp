@@ -49,11 +49,11 @@ int verify_one(InstanceRecord record, const std::vector<std::string>& ignored)
         const std::vector<Difference> found =
             differences(record.site.application_dir(), record.current, ignored);
         for (const auto& [kind, detail, path] : found) {
-            std::vector<std::string> cells = {record.name, kind};
-            if (!detail.empty())
-                cells.push_back(detail);
-            cells.push_back(path.empty() ? "." : path);
-            rows.add(std::move(cells), Tone::Bad);
+            const std::string_view shown = path.empty() ? "." : std::string_view(path);
+            if (detail.empty())
+                rows.add({record.name, kind, shown}, Tone::Bad);
+            else
+                rows.add({record.name, kind, detail, shown}, Tone::Bad);
         }
         return found.empty() ? kDone : kDifferent;
     });
