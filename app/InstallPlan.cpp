@@ -160,8 +160,9 @@ private:
         if (bytes_ > kPlanBytes)
             throw FSAXMLException("Invalid package metadata file format: <s:mapping> elements ask "
                                   "for too many files.");
+        // Most file systems list a directory in some order, so that one entry is beside the last.
         std::string target = file.targetPath;
-        plan_.files.insert_or_assign(std::move(target), std::move(file));
+        lastAdded_ = plan_.files.insert_or_assign(lastAdded_, std::move(target), std::move(file));
     }
 
     const std::string& packageDir_;
@@ -170,6 +171,7 @@ private:
     std::unordered_map<std::string, std::size_t> last_;  ///< last step that maps a path to a URL
     std::size_t bytes_ = 0;
     InstallPlan plan_;
+    decltype(plan_.files)::iterator lastAdded_ = plan_.files.end();
 };
 
 }  // namespace

@@ -144,7 +144,9 @@ TDescriptor DirectoryChain::open(const std::string& path, const char* name, int 
 
 std::string path_below(const std::string& directory, const std::string& name)
 {
-    std::string path = directory;
+    std::string path;
+    path.reserve(directory.size() + 1 + name.size());
+    path += directory;
     if (!path.empty())
         path += '/';
     return path += name;
