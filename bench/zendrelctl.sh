@@ -6,7 +6,8 @@
 #   plan     against find over package and site: 100,000 files, the site empty, with all of them in
 #            other sizes, and with all of them equal, so that plan reads them (find reads none)
 #   verify   against sha256sum with as many processes as there are processors: 10,000 files
-#   upgrade  against one extraction: 10,000 files, none of which has changed; in memory and on disk
+#   upgrade  against one extraction: 10,000 files, none of which has changed; in memory and on disk; of the
+#            same release, and of one that only calls itself a newer one
 #
 # Runs as root. Medians of 7 rounds, in which the two take turns. Ends with 1 when a limit is missed.
 # shellcheck disable=SC2317 # what is compared is called by its name
@@ -33,6 +34,7 @@ disk=$(mktemp -d "${TMPDIR:-/var/tmp}/bench.XXXXXX")
 trap 'rm -rf "$disk"' EXIT
 chmod 755 "$disk"
 missed=0
+release=1
 
 # Prints microseconds. With differences found, plan ends with 2.
 timed() { # COMMAND...
@@ -55,7 +57,7 @@ compare() { # NAME LIMIT OURS THEIRS: the last two are functions
         BEGIN {
             ratio = ours / theirs
             verdict = limit == "" ? "-" : ratio <= limit ? "met" : "missed"
-            printf "%-22s %.3f s against %.3f s, ratio %.2f, at most %s: %s\n", name, ours / 1e6, theirs / 1e6,
+            printf "%-24s %.3f s against %.3f s, ratio %.2f, at most %s: %s\n", name, ours / 1e6, theirs / 1e6,
                 ratio, limit == "" ? "-" : limit, verdict
             exit verdict == "missed"
         }' || missed=1
@@ -81,6 +83,10 @@ find_all() { timed find "$package" "$vhost" -printf '%y %m %s %p\n'; }
 verify() { timed "$ctl" verify; }
 sum_all() { timed sh -c "cd $vhost/docroot/app; find . -type f -print0 | xargs -0 -n 1000 -P $(nproc) sha256sum"; }
 upgrade() { timed "$ctl" upgrade "$package" --instance=app; }
+upgrade_on() {
+    sed -i "s:<release>[0-9]*:<release>$((++release)):" "$package/APP-META.xml"
+    upgrade
+}
 extract_anew() {
     rm -rf "$vhost/docroot/other"
     timed extract other
@@ -97,7 +103,8 @@ for place in "$SANDBOX_DIR" "$disk"; do
     set_up "$place" 10000
     "$ctl" deploy "$package" "${site[@]}" --application-subdirectory=app --instance=app >/dev/null
     compare "verify, $where" 1.3 verify sum_all
-    compare "upgrade, $where" 1.5 upgrade extract_anew
+    compare "upgrade, same, $where" 1.5 upgrade extract_anew
+    compare "upgrade, newer, $where" 1.5 upgrade_on extract_anew
     "$ctl" remove --instance=app >/dev/null
 done
 exit $missed

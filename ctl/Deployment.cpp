@@ -12,10 +12,12 @@
 
 #include <boost/algorithm/string/replace.hpp>
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 #include <iostream>
 #include <list>
+#include <tuple>
 
 namespace tarvik::ctl {
 
@@ -49,6 +51,32 @@ InstallPlan plan_quietly(const PackageSource& package, const Site& site,
     const QuietErrors quiet;
     const std::string appDir = site.application_dir();
     return plan_install(package.directory, appDir, metadata);
+}
+
+bool is_same_plan(const Release& a, const Release& b)
+{
+    const auto all = [](const Release& release) {
+        return std::tie(release.name, release.version, release.release, release.packageDir,
+                        release.options, release.writableDirs, release.otherDirs);
+    };
+    return all(a) == all(b)
+        && std::equal(a.files.begin(), a.files.end(), b.files.begin(), b.files.end(),
+                      [](const auto& one, const auto& other) { return one.path == other.path; });
+}
+
+/// An upgrade leaves alone what the site has added, and made its own in writable mappings.
+bool would_be_repaired(const Difference& difference, const WritableArea& area)
+{
+    const std::string kind = difference.kind;
+    return kind != "extra" && (kind == "missing" || kind == "type" || !area.has(difference.path));
+}
+
+std::string digest_lines(const std::vector<RecordedFile>& files)
+{
+    std::string lines;
+    for (const RecordedFile& file : files)
+        lines.append(file.sha256) += '\n';
+    return lines;
 }
 
 std::string as_lines(const std::vector<Foreseen>& failures)
@@ -117,7 +145,7 @@ Release Planning::release()
     return release;
 }
 
-ReleaseCompletion::ReleaseCompletion(const PackageSource& package, const Site& site)
+PackageReading::PackageReading(const PackageSource& package, const Site& site)
     : metadata_(read_metadata(package)), digests_(site.userName, [&] {
           return package_digests(package, plan_quietly(package, site, metadata_));
       })
@@ -127,12 +155,29 @@ ReleaseCompletion::ReleaseCompletion(const PackageSource& package, const Site& s
 void ReleaseCompletion::complete(Release& release, const Site& site,
                                  const std::vector<std::string>& changed)
 {
-    const std::string digests = digests_.answer();
+    const std::string digests = reading_.digests();
     const std::string modes = ask_as(site.userName, [&] {
         return installed_modes(release.files, site.application_dir(), digests, changed);
     });
     complete_files(release.files, digests, modes);
     release.filesId.clear();
+}
+
+bool is_installed_already(const Release& current, const Release& next, const Site& site)
+{
+    if (!is_same_plan(current, next))
+        return false;
+    PackageReading reading(package_of(next), site);
+    const std::string appDir = site.application_dir();
+    const std::string found = ask_as(site.userName, [&] {
+        const WritableArea area(current);
+        const std::vector<Difference> all = differences(appDir, current, {});
+        const bool repairs = std::any_of(all.begin(), all.end(), [&](const Difference& difference) {
+            return would_be_repaired(difference, area);
+        });
+        return std::string(repairs ? "yes" : "");
+    });
+    return found.empty() && reading.digests() == digest_lines(current.files);
 }
 
 PackageSource package_of(const Release& release)

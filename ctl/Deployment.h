@@ -31,19 +31,38 @@ private:
     Question paths_;
 };
 
-/// Completes a planned release, and looks whether the installation has done what it should.
-class ReleaseCompletion {
+/// Reads what a package installs, while this process goes on.
+class PackageReading {
 public:
-    /// Begins to read the package, while the installation goes on.
-    ReleaseCompletion(const PackageSource& package, const Site& site);
-    /// @param site  where it was installed. @param changed  paths where the site has content of its
-    /// own. @throws Trouble
-    void complete(Release& release, const Site& site, const std::vector<std::string>& changed);
+    PackageReading(const PackageSource& package, const Site& site);
+    /// @return the digests, as `package_digests` has them. To be asked for once. @throws Trouble
+    std::string digests() { return digests_.answer(); }
 
 private:
     FSAMetaDataReader metadata_;
     Question digests_;
 };
+
+/// Completes a planned release, and looks whether the installation has done what it should.
+class ReleaseCompletion {
+public:
+    /// Begins to read the package, while the installation goes on.
+    ReleaseCompletion(const PackageSource& package, const Site& site) : reading_(package, site) { }
+    /// @param site  where it was installed. @param changed  paths where the site has content of its
+    /// own. @throws Trouble
+    void complete(Release& release, const Site& site, const std::vector<std::string>& changed);
+
+private:
+    PackageReading reading_;
+};
+
+/**
+ * @param current  what is installed in the site. @param next  what was planned for it.
+ * @return whether that is the same from the same place, file by file, and is all there. The site
+ *         may have changed what is its own to change, and added to it.
+ * @throws Trouble
+ */
+bool is_installed_already(const Release& current, const Release& next, const Site& site);
 
 /// @return the package that a release came from.
 PackageSource package_of(const Release& release);

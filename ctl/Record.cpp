@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <tuple>
 
 namespace tarvik::ctl {
 
@@ -206,6 +207,15 @@ try {
 }
 
 }  // namespace
+
+bool DeployOptions::operator==(const DeployOptions& other) const
+{
+    const auto all = [](const DeployOptions& options) {
+        return std::tie(options.metadataFile, options.skipWebserverWrite, options.script,
+                        options.scriptParameters, options.apacheConf);
+    };
+    return all(*this) == all(other);
+}
 
 const char* state_name(State state)
 {

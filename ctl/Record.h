@@ -26,6 +26,8 @@ struct DeployOptions {
     bool script = false;  ///< the package's script is run
     std::vector<std::string> scriptParameters;
     std::string apacheConf;  ///< the generated file's name; empty: none is written
+
+    bool operator==(const DeployOptions& other) const;
 };
 
 /// One package in one tree.

@@ -50,8 +50,10 @@ bool parse(int argc, char** argv, Words& words)
     line.add()("in-place", flag(words.inPlace),
                "install over the running tree where it cannot be exchanged; nothing is kept");
     line.add()("keep", po::value(&words.keep), "how many old trees are kept (1)");
-    line.add()("force", flag(words.force),
-               "go on with mistakes of the package, and with an extraction that will fail");
+    line.add()(
+        "force", flag(words.force),
+        "go on with mistakes of the package, and with an extraction that will fail; put a package "
+        "also in the place of the same one");
     line.wait(words.wait);
     return line.parse(argc, argv);
 }
@@ -138,6 +140,18 @@ bool is_of_one_package(const Release& a, const Release& b)
     return a.packageDir == b.packageDir && full_version(a) == full_version(b);
 }
 
+/// @param settled  whether a killed run has just been brought to its end: it may have been this
+/// one.
+void upgrade_to(InstanceRecord& record, const Words& words, const Release& next, bool settled)
+{
+    if (words.inPlace && !words.force)
+        require_feasible(words.package, record.site, next.options);
+    if (words.inPlace)
+        upgrade_in_place(record, words, next);
+    else if (!settled || !is_of_one_package(record.current, next))
+        upgrade_by_exchange(record, words, next);
+}
+
 }  // namespace
 
 int upgrade(int argc, char** argv)
@@ -158,18 +172,19 @@ int upgrade(int argc, char** argv)
     load_files(name, record.current);
     const Release next = planning.release();
     const bool settled = settle_exchange(record);
-    if (words.inPlace && !words.force)
-        require_feasible(words.package, record.site, next.options);
-    if (words.inPlace)
-        upgrade_in_place(record, words, next);
-    else if (!settled
-             || !is_of_one_package(record.current, next))  // else a killed run was this one
-        upgrade_by_exchange(record, words, next);
+    const bool done =
+        !words.force && !words.script && is_installed_already(record.current, next, record.site);
+    if (!done)
+        upgrade_to(record, words, next, settled);
     configure_apache(record.current, record.site);
     if (!words.inPlace)
         drop_kept(record, words.keep);
-    std::cout << "upgraded " << name << " from " << printable(before) << " to "
-              << printable(full_version(record.current)) << '\n';
+    const std::string after = full_version(record.current);
+    if (done && !settled)
+        std::cout << name << " is " << printable(after) << " already\n";
+    else
+        std::cout << "upgraded " << name << " from " << printable(before) << " to "
+                  << printable(after) << '\n';
     return kDone;
 }
 

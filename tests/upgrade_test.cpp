@@ -132,6 +132,25 @@ TEST_F(Upgrade, ExchangesTheTreeWithWhatTheSiteHasCollected)
     EXPECT_EQ(ctl({"upgrade", "old"}).status, 0);
 }
 
+TEST_F(Upgrade, DoesNothingToWhatIsInstalledAlready)
+{
+    use();
+    const std::string before = state();
+    EXPECT_EQ(ctl({"upgrade", "old"}), (Result {0, "vhost-app is shop old-7 already\n", ""}));
+    EXPECT_EQ(state(), before);
+    EXPECT_EQ(run({"ls", "-A", site_.docroot()}).out, "app\n");
+    for (const std::string damage : {"rm -r vhost/httpdocs/app/only", "rm vhost/httpdocs/app/data/untouched",
+                                     "echo x >vhost/httpdocs/app/index.html", "chmod 600 vhost/httpdocs/app/index.html",
+                                     "echo x >old/htdocs/data/untouched",
+                                     "sed -i 's/<release>7/<release>8/' old/APP-META.xml", ": a matter of --force"}) {
+        site_.shell(damage);
+        const Result result = ctl({"upgrade", "old", damage[0] == ':' ? "--force" : "--wait=0"});
+        EXPECT_EQ(result.out.substr(0, result.out.find(' ')), "upgraded") << damage << result;
+        const std::string left = ctl({"verify"}).out;
+        EXPECT_EQ(left.find("index.html") + left.find("only") + left.find("untouched"), 3 * std::string::npos) << left;
+    }
+}
+
 TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
 {
     use();
