@@ -59,12 +59,6 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
         trace + "Traceback addresses:\nFatal error: (anonymous namespace)::Tracked(tracked)\n" + trace;
     EXPECT_EQ(printed, (Result {0, "flushed between late " + text, "flushed late " + text, 0}));
 
-    std::ostringstream before, after;
-    Traceback traceback;
-    before << traceback;
-    traceback = Traceback(1000);
-    after << traceback;
-    EXPECT_EQ(after.str(), "Traceback addresses:\n");
     // Without its innermost frame it begins at the second line; names are those of the source.
     struct : std::stringbuf {
         std::ostringstream traces;
@@ -80,11 +74,11 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
     const std::size_t first = whole.find('\t');
     EXPECT_EQ(both, whole + ";" + whole.substr(0, first) + whole.substr(whole.find('\t', first + 1)) + ";");
     EXPECT_NE(whole.find("(std::ostream::flush()+0x"), std::string::npos) << whole;
-    const Traceback elsewhere;
+    const Traceback elsewhere(1);
     Traceback shown;
+    std::ostringstream before, now, wanted;
     before << shown;
     shown = elsewhere;
-    std::ostringstream now, wanted;
     now << shown;
     wanted << elsewhere;
     EXPECT_EQ(now.str(), wanted.str());
