@@ -26,14 +26,6 @@ std::string package(const std::string& content, const std::string& attributes = 
         + "</application>";
 }
 
-std::string repeated(int count, const std::string& text)
-{
-    std::string result;
-    for (int i = 0; i < count; ++i)
-        result += text;
-    return result;
-}
-
 bool is_read(const std::string& text)
 try {
     FSAMetaDataReader(*read_xml_tree(xml_source(text)), "");

@@ -33,14 +33,6 @@ std::string many(int count, const std::string& before, const std::string& after)
     return text;
 }
 
-std::string repeated(int count, const std::string& text)
-{
-    std::string result;
-    for (int i = 0; i < count; ++i)
-        result += text;
-    return result;
-}
-
 /// Why a text is refused, else its fields and, one a line, its mappings.
 std::string result_of(const std::string& text)
 try {

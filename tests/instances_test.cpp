@@ -14,8 +14,6 @@ using namespace sandbox;
 
 namespace {
 
-const std::string kStore = "/var/lib/zendrel/instances/";
-
 class Instances : public testing::Test {
 protected:
     Instances()

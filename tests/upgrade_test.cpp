@@ -14,8 +14,6 @@ using namespace sandbox;
 
 namespace {
 
-const std::string kStore = "/var/lib/zendrel/instances/";
-
 class Upgrade : public testing::Test {
 protected:
     /// Two versions of an application: "old" has a file that "new" lacks, and the other way round.

@@ -24,6 +24,7 @@ public:
     void stop();
     /// @return status, redirection target and body. @param path  as it is to be sent.
     std::string get(const std::string& path, const std::string& data = "--get") const;
+    const std::string& address() const { return address_; }
 
 private:
     const Site& site_;

@@ -6,14 +6,7 @@
 #include <pwd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace fs = boost::filesystem;
@@ -88,6 +81,35 @@ Words changed(Words words, const Words& changes)
     return words;
 }
 
+Words operator+(Words words, const Words& more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
+std::string repeated(int count, const std::string& text)
+{
+    std::string result;
+    for (int i = 0; i < count; ++i)
+        result += text;
+    return result;
+}
+
+std::string numbered(int count, const std::string& before, const std::string& after)
+{
+    std::string text;
+    for (int i = 0; i < count; ++i)
+        text += before + std::to_string(i) + after;
+    return text;
+}
+
+std::string application(const std::string& content, const std::string& attributes)
+{
+    const std::string uri = "='http://veska.example/ns/1", root = "<application xmlns" + uri + "' xmlns:p" + uri;
+    const std::string text = root + "/php' xmlns:c" + uri + "/cgi' " + attributes + ">" + content + "</application>";
+    return boost::replace_all_copy(boost::replace_all_copy(text, "<m '", "<mapping url='"), "</m>", "</mapping>");
+}
+
 Result run(const Words& words, const std::string& input, const Limits& limits)
 {
     return run_child(input, [&words, &limits] {
@@ -104,21 +126,17 @@ Result run(const Words& words, const std::string& input, const Limits& limits)
 
 Result zendrel(const Words& words, const std::string& input, const Limits& limits)
 {
-    Words all = {ZENDREL_PROGRAM};
-    all.insert(all.end(), words.begin(), words.end());
-    return run(all, input, limits);
+    return run(Words {ZENDREL_PROGRAM} + words, input, limits);
 }
 
 Result zendrelctl(const Words& words, const std::string& input, const Limits& limits)
 {
-    Words all = {ZENDREL_CONTROL_PROGRAM};
-    all.insert(all.end(), words.begin(), words.end());
-    return run(all, input, limits);
+    return run(Words {ZENDREL_CONTROL_PROGRAM} + words, input, limits);
 }
 
-Result in_child(void (*body)())
+Result in_child(const std::function<void()>& body)
 {
-    return run_child("", [body] { body(), std::exit(0); });
+    return run_child("", [&body] { body(), std::exit(0); });
 }
 
 Site::Site()
@@ -155,36 +173,49 @@ void Site::shell(const std::string& commands) const
     ASSERT_EQ(run({"sh", "-ec", "cd " + root_ + "\n" + commands}), says(0, "")) << commands;
 }
 
+std::string Site::output(const std::string& commands) const
+{
+    return run({"sh", "-c", "cd " + root_ + "\n" + commands}).out;
+}
+
+Result Site::plain(Result result) const
+{
+    boost::replace_all(result.out, root_, "@");
+    boost::replace_all(result.err, root_, "@");
+    return result;
+}
+
 void Site::metadata(const std::string& mappings) const
 {
-    write("package/APP-META.xml",
-          "<application xmlns='http://veska.example/ns/1' xmlns:php='http://veska.example/ns/1/php'"
-          " xmlns:cgi='http://veska.example/ns/1/cgi'>\n<name>shop</name><version>2</version><release>7</release>"
-              + mappings + "</application>\n");
+    const std::string named = "\n<name>shop</name><version>2</version><release>7</release>";
+    const std::string prefixes = "xmlns:php='http://veska.example/ns/1/php' xmlns:cgi='http://veska.example/ns/1/cgi'";
+    write("package/APP-META.xml", application(named + mappings, prefixes) + "\n");
+}
+
+void Site::pack(const Words& files, const std::string& mappings) const
+{
+    metadata(mappings);
+    for (const std::string& file : files)
+        write("package/htdocs/" + file, file);
+}
+
+Words Site::options(const std::string& subdirectory) const
+{
+    return {"--vhost-path=" + vhost(), "--www-root=" + path("vhost/httpdocs"), "--user-name=alice",
+            "--application-subdirectory=" + subdirectory};
 }
 
 Words Site::extract(const Words& changes) const
 {
-    return changed({"--extract-application", "--application-full-name=file:///" + path("package"),
-                    "--metadata-file=", "--vhost-path=" + vhost(), "--user-name=alice", "--application-subdirectory=.",
-                    "--www-root=" + path("vhost/httpdocs")},
-                   changes);
+    const std::string name = "--application-full-name=file:///" + path("package");
+    return changed(Words {"--extract-application", name, "--metadata-file="} + options("."), changes);
 }
 
-Words Site::ctl(const Words& command, const Words& changes) const
-{
-    Words words = command;
-    for (const std::string& word : {"--vhost-path=" + vhost(), "--www-root=" + path("vhost/httpdocs"),
-                                    std::string("--user-name=alice"), std::string("--application-subdirectory=app")})
-        words.push_back(word);
-    return changed(words, changes);
-}
+Words Site::ctl(const Words& command, const Words& changes) const { return changed(command + options("app"), changes); }
 
 Words Site::remove(const Words& changes) const
 {
-    return changed({"--delete-application", "--vhost-path=" + vhost(), "--user-name=alice",
-                    "--application-subdirectory=.", "--www-root=" + path("vhost/httpdocs")},
-                   changes);
+    return changed(Words {"--delete-application"} + options("."), changes);
 }
 
 std::string Site::list(const Words& files, const std::string& section) const
@@ -193,6 +224,14 @@ std::string Site::list(const Words& files, const std::string& section) const
     for (const std::string& file : files)
         text += "<FILE>" + file + "</FILE>\n";
     return text + "</SECTION>\n</INSTANCE-DATA>\n";
+}
+
+bool Site::kills(const Words& command, const std::string& calls, int when) const
+{
+    const std::string inject = "inject=" + calls + ":signal=KILL:when=" + std::to_string(when), trace = path("trace");
+    run(Words {"strace", "-fo", trace, "-e", "trace=" + calls, "-e", inject, ZENDREL_CONTROL_PROGRAM} + ctl(command));
+    run({"flock", kStore + "vhost-app.lock", "true"});
+    return read(trace).find("killed by SIGKILL") != std::string::npos;
 }
 
 Tree Site::tree(const std::string& below) const
@@ -204,10 +243,10 @@ Tree Site::tree(const std::string& below) const
         EXPECT_EQ(0, ::lstat(entry.path().c_str(), &status));
         const bool directory = S_ISDIR(status.st_mode), link = S_ISLNK(status.st_mode);
         std::ostringstream line;
-        line << (directory  ? "d "
-                     : link ? "l "
-                            : "- ")
-             << std::oct << (status.st_mode & 07777) << ' ' << ::getpwuid(status.st_uid)->pw_name << ':'
+        line << "-dl"[directory  ? 1
+                          : link ? 2
+                                 : 0]
+             << ' ' << std::oct << (status.st_mode & 07777) << ' ' << ::getpwuid(status.st_uid)->pw_name << ':'
              << ::getgrgid(status.st_gid)->gr_name;
         if (!directory)
             line << ' ' << (link ? fs::read_symlink(entry).native() : read(entry.path().native()));
