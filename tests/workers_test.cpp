@@ -1,182 +1,11 @@
 // Several threads leave behind and say what one does, whatever is in their way.
-#include "tests/support/Sandbox.h"
+#include "tests/support/Chance.h"
 
-#include <boost/algorithm/string.hpp>
-#include <boost/filesystem.hpp>
-
-#include <sys/stat.h>
-
-#include <fstream>
-#include <random>
-#include <sstream>
-#include <tuple>
-
-namespace fs = boost::filesystem;
 using namespace sandbox;
 
 namespace {
 
 constexpr unsigned kScenes = 40;
-constexpr gid_t kServices = 28011;
-
-/// Packages, sites and lists that come out the same for the same number. Paths are short and of few names, so
-/// that they meet; some of the names sort before a separator.
-class Scene {
-public:
-    explicit Scene(unsigned number) : engine_(number) { }
-
-    unsigned below(std::size_t limit) { return static_cast<unsigned>(engine_() % limit); }
-    bool once_in(unsigned times) { return below(times) == 0; }
-    const std::string& one_of(const Words& words) { return words[below(words.size())]; }
-
-    std::string path(unsigned levels)
-    {
-        static const Words names = {"a", "a-b", "a.c", "b", "c", "ab", "d", "e"};
-        std::string path = one_of(names);
-        for (unsigned more = below(levels); more > 0; --more)
-            path += "/" + one_of(names);
-        return path;
-    }
-
-    /// A package of new things, and a few that cannot be copied, or only by one who comes in time.
-    void make_package(const Site& site)
-    {
-        site.metadata(mappings());
-        const std::string htdocs = site.package("htdocs/");
-        put(htdocs + "f1", 9);
-        put(htdocs + "z/f1", 9);
-        for (unsigned files = 10 + below(200); files > 0; --files) {
-            const std::string path = htdocs + this->path(4);
-            once_in(8) ? make(path) : put(path + "/f" + std::to_string(files), below(3000));
-        }
-        for (unsigned odd = once_in(3) ? below(4) : 0; odd > 0; --odd) {
-            const std::string path = htdocs + this->path(3) + one_of({"", "/A", "/z"});
-            switch (below(4)) {
-            case 0:
-                ::mkfifo(path.c_str(), 0644);
-                break;
-            case 1:
-                put(path, 9, 0600);
-                break;
-            case 2:
-                ::mkdir(path.c_str(), 0700);
-                break;
-            default:
-                link(one_of({"f1", "a", "nowhere", "/etc/passwd", site.docroot("b/A"), "/proc/self/fd/5"}), path);
-            }
-        }
-    }
-
-    /// What stands in the document root already.
-    void make_site(const Site& site)
-    {
-        Words made;
-        for (unsigned things = below(3) * below(6); things > 0; --things) {
-            made.push_back(this->path(3));
-            const std::string path = site.docroot(made.back());
-            switch (below(5)) {
-            case 0:
-                link(somewhere(site), path);
-                break;
-            case 1:
-                put(path, 9);
-                break;
-            case 2:
-                put(path + one_of({"/own", "/f1", "/f2"}), 9);
-                break;
-            case 3:
-                make(path, once_in(2) ? 0500 : 0300);
-                break;
-            default:
-                make(path);
-            }
-        }
-        give(site, made);
-        if (once_in(3)) {  // an undo stops here, so that what was done before can be seen
-            put(site.docroot("z/f2"), 9);
-            own(site.docroot("z"), kBob, kServices);
-        }
-    }
-
-    /// What an application left in a document root. @return its list, and things that never were.
-    std::string make_instance(const Site& site)
-    {
-        Words listed = {"a"};
-        for (unsigned files = 20 + below(150); files > 0; --files) {
-            const std::string path = this->path(4);
-            listed.push_back(path + "/f" + std::to_string(files));
-            put(site.docroot(listed.back()), 9);
-            listed.push_back(once_in(3) ? path : one_of(listed));
-        }
-        // Links that are listed and lead to what is listed, so that it matters which goes first.
-        for (unsigned links = below(4); links > 0; --links) {
-            const std::string path = this->path(2) + one_of({"", "l"});
-            link(somewhere(site), site.docroot(path));
-            listed.push_back(one_of({"./", "b/../", "", ""}) + path);
-            for (unsigned times = 20; times > 0; --times)
-                listed.push_back(one_of({path, one_of({"a", "b", "c"}) + "/l"}) + "/" + one_of(listed));
-        }
-        for (const std::string odd : {"a/", "a//b", "c/.", "d/f1/x", "no/f1", "/e"}) {
-            if (once_in(16))
-                listed.push_back(odd);
-        }
-        give(site, listed);
-        return site.list(listed);
-    }
-
-private:
-    std::string mappings()
-    {
-        const std::string writable = "<php:permissions writable='true'/>";
-        std::string text = "<mapping url='/' path='htdocs'>" + one_of({"", "", writable}) + "</mapping>";
-        for (const std::string url : {"a", "a/b/", "c//d", "b/./c", "a/b/..", "x/y", "d/l/b/"}) {
-            if (once_in(8))
-                text +=
-                    "<mapping url='" + url + "' path='htdocs/" + path(2) + "'>" + one_of({"", writable}) + "</mapping>";
-        }
-        return text;
-    }
-
-    // What something else stands in the way of is not made.
-    static void make(const std::string& path, mode_t mode = 0755)
-    {
-        boost::system::error_code error;
-        if (fs::create_directories(path, error))
-            ::chmod(path.c_str(), mode);
-    }
-    static void put(const std::string& path, unsigned size, mode_t mode = 0644)
-    {
-        make(path.substr(0, path.rfind('/')));
-        std::ofstream(path) << path.substr(path.rfind("/f") + 1) << std::string(size, ' ');
-        ::chmod(path.c_str(), mode);
-    }
-    static void link(const std::string& to, const std::string& path)
-    {
-        boost::system::error_code error;
-        fs::create_symlink(to, path, error);
-    }
-    static void own(const std::string& path, uid_t owner, gid_t group)
-    {
-        const bool done = ::lchown(path.c_str(), owner, group) == 0;
-        EXPECT_TRUE(done || errno == ENOENT || errno == ENOTDIR || errno == ELOOP) << path;
-    }
-    std::string somewhere(const Site& site)
-    {
-        return one_of({".", "..", "a", "a-b", "c/d", "/", "nowhere", site.docroot("b")});
-    }
-    /// All that is there is alice's, but some of what is named.
-    void give(const Site& site, const Words& paths)
-    {
-        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(site.docroot()))
-            own(entry.path().native(), kAlice, kClients);
-        for (const std::string& path : paths) {
-            if (once_in(paths.size() < 20 ? 5 : 60))
-                own(site.docroot(path), kBob, kServices);
-        }
-    }
-
-    std::mt19937 engine_;
-};
 
 /// Runs both programs, each in a site of its own, and compares what they say and what they leave.
 /// @param make  prepares a site and its input, and returns the command.
@@ -188,18 +17,16 @@ void expect_the_same(const std::string& limit, Make make, const std::string& slo
     std::string outcomes[2];
     for (std::string& outcome : outcomes) {
         const Site site;
-        site.put("");
         std::string input;
-        Words words = make(site, input);
+        const Words command = make(site, input);
         // The tracer has threads take turns at each call, however few processors there are.
         Words tracer = {"prlimit", limit, "strace", "-fqqo", "/dev/null", "-e", "trace=/unlink|openat"};
         if (!slow.empty())
-            tracer.insert(tracer.end(), {"-e", "inject=openat:delay_enter=100000", "-P", site.docroot(slow)});
+            tracer = tracer + Words {"-e", "inject=openat:delay_enter=100000", "-P", site.docroot(slow)};
         tracer.push_back(&outcome == outcomes ? ZENDREL_WORKERS_1 : ZENDREL_WORKERS_8);
-        words.insert(words.begin(), tracer.begin(), tracer.end());
         std::ostringstream text;
-        text << run(words, input) << site.listing();
-        outcome = boost::replace_all_copy(text.str(), site.path(), "@");
+        text << site.plain(run(tracer + command, input)) << site.plain(prints(site.listing())).out;
+        outcome = text.str();
     }
     EXPECT_EQ(outcomes[0], outcomes[1]);
 }
@@ -210,9 +37,11 @@ TEST(Workers, InstallWhatOneDoes)
     for (unsigned number = 0; number < kScenes; ++number) {
         SCOPED_TRACE(number);
         expect_the_same(limits[number % limits.size()], [number](const Site& site, std::string&) {
-            Scene scene(number);
-            scene.make_package(site);
-            scene.make_site(site);
+            Chance chance(number, {"c//d", "b/./c", "a/b/..", "d/l/b/"});
+            chance.package(site, 10 + chance.below(200));
+            chance.populate(site.docroot(), chance.below(3) * chance.below(6));
+            // An undo stops here, so that what was done before can be seen.
+            site.shell(chance.once_in(3) ? "cd vhost/httpdocs; mkdir -p z; touch z/f2; chown bob:oxaserv z" : "");
             return site.extract();
         });
     }
@@ -224,7 +53,7 @@ TEST(Workers, RemoveWhatOneDoes)
     for (unsigned number = 0; number < kScenes; ++number) {
         SCOPED_TRACE(number);
         expect_the_same(limits[number % limits.size()], [number](const Site& site, std::string& list) {
-            list = Scene(number).make_instance(site);
+            list = Chance(number).instance(site);
             return site.remove();
         });
     }
@@ -244,7 +73,7 @@ TEST(Workers, InstallInTheirOrderWhatDependsOnIt)
     for (const auto& [why, prepare] : cases) {
         SCOPED_TRACE(why);
         expect_the_same("--core=0", [&prepare = prepare](const Site& site, std::string&) {
-            site.metadata("<mapping url='/' path='htdocs'/>");
+            site.metadata("<m '/' path='htdocs'/>");
             site.shell("mkdir -p package/htdocs/d/d package/htdocs/a package/htdocs/z; cd package/htdocs\n"
                        "for i in $(seq 40); do echo $i | tee a/f$i d/d/f$i >z/f$i; done; cd ../..\n"
                        + prepare);
@@ -262,18 +91,13 @@ TEST(Workers, RemoveInTheirOrderWhatDependsOnIt)
     };
     for (const auto& [why, files, other] : cases) {
         SCOPED_TRACE(why);
-        expect_the_same(
-            "--core=0",
-            [&files = files, &other = other](const Site& site, std::string& list) {
-                Words listed = {other};
-                for (int i = 0; i < 400; ++i)
-                    listed.push_back(files + std::to_string(i));
-                list = site.list(listed);
-                site.shell("cd vhost/httpdocs; mkdir d e; ln -s d m; ln -s ../e d/l; ln -s e ./-l\n"
-                           "(cd e; seq 0 399 | xargs touch); chown -hR alice:oxacln .");
-                return site.remove();
-            },
-            "m/l");
+        const auto make = [&files = files, &other = other](const Site& site, std::string& list) {
+            list = site.list({other + numbered(400, "</FILE><FILE>" + files, "")});
+            site.shell("cd vhost/httpdocs; mkdir d e; ln -s d m; ln -s ../e d/l; ln -s e ./-l\n"
+                       "(cd e; seq 0 399 | xargs touch); chown -hR alice:oxacln .");
+            return site.remove();
+        };
+        expect_the_same("--core=0", make, "m/l");
     }
 }
 
