@@ -2,13 +2,7 @@
 
 #include "tests/support/Sandbox.h"
 
-#include <boost/algorithm/string.hpp>
-
 #include <sys/file.h>
-#include <unistd.h>
-
-#include <fcntl.h>
-#include <tuple>
 
 using namespace sandbox;
 
@@ -23,28 +17,23 @@ protected:
         site_.write("package/htdocs/cgi/run.pl", "r");
         site_.write("package/htdocs/data/seed", "s");
         site_.write("package/scripts/configure", "#!/bin/sh\necho $*; test ! -e ${0%/*}/fails\n", 0755);
-        site_.metadata(
-            "<configuration-script-language>binary</configuration-script-language>"
-            "<mapping url='/' path='htdocs'><mapping url='cgi'><cgi:handler><cgi:extension>pl</cgi:extension>"
-            "</cgi:handler></mapping><mapping url='data'><php:permissions writable='true'/></mapping></mapping>");
+        site_.metadata("<configuration-script-language>binary</configuration-script-language>"
+                       "<m '/' path='htdocs'><m 'cgi'><c:handler><c:extension>pl</c:extension>"
+                       "</c:handler></m><m 'data'><p:permissions writable='true'/></m></m>");
         site_.shell("chown alice:oxacln vhost/httpdocs");
     }
     ~Instances() override { site_.shell("rm -rf /var/lib/zendrel"); }
 
+    /// A command on this site, and on the package where it takes one.
     Result ctl(const Words& words, const Words& changes = {}) const
     {
         Words all = words;
-        if (words[0] == "deploy")
+        if (words[0] == "deploy" || words[0] == "plan")
             all.insert(all.begin() + 1, site_.path("package"));
-        return plain(zendrelctl(site_.ctl(all, changes)));
+        return site_.plain(zendrelctl(site_.ctl(all, changes)));
     }
-    Result plain(Result result) const
-    {
-        boost::replace_all(result.out, site_.path(), "@");
-        boost::replace_all(result.err, site_.path(), "@");
-        return result;
-    }
-    static Result prints(const std::string& text, int status = 0) { return {status, text, ""}; }
+    /// One on all instances.
+    Result all(const Words& words) const { return site_.plain(zendrelctl(words)); }
     static Result fails(const std::string& text) { return says(1, "zendrelctl: " + text + "\n"); }
 
     const Site site_;
@@ -55,52 +44,43 @@ TEST_F(Instances, AreDeployedComparedAndRemoved)
 {
     EXPECT_EQ(ctl({"deploy", "--script", "--script-parameter=--in={application}"}),
               prints("install --in=@/vhost/httpdocs/app\n" + deployed_));
-    EXPECT_EQ(plain(zendrelctl({"instances"})), prints("vhost-app shop 2-7 installed @/vhost/httpdocs/app\n"));
+    EXPECT_EQ(all({"instances"}), prints("vhost-app shop 2-7 installed @/vhost/httpdocs/app\n"));
     EXPECT_EQ(site_.listing("vhost/httpdocs/app"),
               "\n- 644 alice:oxacln: a & <b>=odd index.html=i\n- 646 alice:oxacln: data/seed=s\n- 755 alice:oxacln: "
               "cgi/run.pl=r\nd 755 alice:oxacln: cgi\nd 757 alice:oxacln: data\n");
-    EXPECT_EQ(zendrelctl({"verify"}), prints(""));
+    EXPECT_EQ(all({"verify"}), prints(""));
     EXPECT_EQ(run({"find", "/var/lib/zendrel", "-printf", "%m %f\n"}).out.find("44"), std::string::npos);
 
-    const std::tuple<const char*, const char*> damages[] = {
-        {"mv package away; rm app/index.html", "missing index.html"},
-        {"rm -r app/cgi", "missing cgi\nmissing cgi/run.pl"},
-        {"echo >>app/index.html", "changed index.html"},
-        {"echo x >app/data/seed", "changed data/seed"},
-        {"chmod 600 app/index.html", "mode 0644 -> 0600 index.html"},
-        {"chmod 700 app", "mode 0755 -> 0700 ."},
-        {"chown bob app/cgi", "owner bob cgi"},
+    const std::pair<std::string, std::string> damages[] = {
+        {"mv package away; rm app/index.html", "missing index.html\n"},
+        {"rm -r app/cgi", "missing cgi\nmissing cgi/run.pl\n"},
+        {"echo >>app/index.html", "changed index.html\n"},
+        {"echo x >app/data/seed", "changed data/seed\n"},
+        {"chmod 600 app/index.html", "mode 0644 -> 0600 index.html\n"},
+        {"chmod 700 app", "mode 0755 -> 0700 .\n"},
+        {"chown bob app/cgi", "owner bob cgi\n"},
         {"chown bob app/index.html; chmod 0 app/index.html",
-         "mode 0644 -> 0000 index.html\nowner bob index.html\nunreadable Permission denied index.html"},
-        {"mv app/cgi app/x; ln -s x app/cgi",
-         "type is no directory cgi\nmissing cgi/run.pl\nextra alice x\nextra root cgi"},
-        {"rm app/index.html; ln -s /etc/passwd app/index.html", "type is no file index.html"},
-        {"mkdir app/d app/data/d; touch app/d/f app/data/f 'app/n\nw'", "extra root d\nextra root n\\x0aw"},
+         "mode 0644 -> 0000 index.html\nowner bob index.html\nunreadable Permission denied index.html\n"},
+        {"mv app/cgi app/x; ln -s x app/cgi",  // a known name in the way is told once
+         "extra alice x\nmissing cgi/run.pl\ntype is no directory cgi\n"},
+        {"rm app/index.html; ln -s /etc/passwd app/index.html", "type is no file index.html\n"},
+        {"mkdir app/d app/data/d; touch app/d/f app/data/f 'app/n\nw'", "extra root d\nextra root n\\x0aw\n"},
         {"rm -r app; ln -s package/htdocs app",
-         "missing .\nmissing a & <b>\nmissing cgi\nmissing cgi/run.pl\nmissing data\nmissing data/seed\nmissing "
-         "index.html"},
+         "missing .\nmissing a & <b>\nmissing cgi\nmissing cgi/run.pl\nmissing data\nmissing data/seed\n"
+         "missing index.html\n"},
     };
     site_.shell("cp -a vhost/httpdocs/app sound");
+    const std::string verify = "{ " ZENDREL_CONTROL_PROGRAM " verify --instance=vhost-app; echo $?; }";
     for (const auto& [damage, found] : damages) {
-        site_.shell(std::string("cd vhost/httpdocs; mkdir -p package; ") + damage);
-        Result result = zendrelctl({"verify", "--instance=vhost-app"});
-        boost::replace_all(result.out, "vhost-app ", "");
-        Words lines, wanted;
-        boost::split(lines, result.out, boost::is_any_of("\n"));
-        boost::split(wanted, std::string(found) + "\n", boost::is_any_of("\n"));
-        std::sort(lines.begin(), lines.end());
-        std::sort(wanted.begin(), wanted.end());
-        if (std::string(damage).find("ln -s x") != std::string::npos)  // a known name in the way is told once
-            wanted.erase(std::find(wanted.begin(), wanted.end(), "extra root cgi"));
-        EXPECT_EQ(lines, wanted) << damage;
-        EXPECT_EQ(result.status, 2) << damage << result;
+        site_.shell("cd vhost/httpdocs; mkdir -p package; " + damage);
+        EXPECT_EQ(site_.output(verify + " | sed 's/^vhost-app //' | LC_ALL=C sort"), "2\n" + found) << damage;
         site_.shell("rm -rf vhost/httpdocs/*; cp -a sound vhost/httpdocs/app");
     }
 
     site_.put("app/data/photo", "p", 0644, 33, 33);
     site_.write("package/scripts/fails", "");
     EXPECT_EQ(ctl({"remove"}).err, "zendrelctl: the package's script ended remove with status 1\n");
-    EXPECT_EQ(zendrelctl({"verify"}), prints(""));
+    EXPECT_EQ(all({"verify"}), prints(""));
     site_.shell("rm package/scripts/fails; cp " + kStore + "vhost-app.xml list");
     const Result removed = ctl({"remove", "--script-parameter=x"});
     EXPECT_EQ(removed.out,
@@ -109,8 +89,8 @@ TEST_F(Instances, AreDeployedComparedAndRemoved)
     EXPECT_EQ(site_.listing(),
               "\n- 644 www-data:www-data: app/data/photo=p\nd 755 alice:oxacln: app\n"
               "d 757 alice:oxacln: app/data\n");
-    EXPECT_EQ(zendrelctl({"instances"}), prints(""));
-    EXPECT_EQ(zendrelctl({"instances", "--json"}), prints("[]\n"));
+    EXPECT_EQ(all({"instances"}), prints(""));
+    EXPECT_EQ(all({"instances", "--json"}), prints("[]\n"));
     EXPECT_EQ(ctl({"remove"}), fails("no instance is recorded in @/vhost/httpdocs/app"));
 
     // The recorded list is what removal takes by itself.
@@ -124,19 +104,21 @@ TEST_F(Instances, AreDeployedComparedAndRemoved)
 
 TEST_F(Instances, AreNotDeployedByMistake)
 {
-    const std::tuple<Words, const char*> refused[] = {
+    const std::string plain = ": letters, digits, \".\", \"-\" and \"_\" make a name";
+    const std::pair<Words, std::string> refused[] = {
         {{"--user-name=nobody-here"}, "no such user: nobody-here"},
         {{"--user-name=root"}, "a site cannot belong to root: root"},
         {{"--www-root=httpdocs"}, "--www-root is no absolute path: httpdocs"},
         {{"--vhost-path=/a/../b"}, "--vhost-path has a \"..\": /a/../b"},
         {{"--application-subdirectory=a/.."}, "--application-subdirectory has a \"..\": a/.."},
-        {{"--instance=../x"},
-         "an instance cannot be called \"../x\": letters, digits, \".\", \"-\" and \"_\" make a name"},
-        {{"--metadata-file=/none"}, "cannot read /none"},
         {{"--frobnicate"}, "unrecognised option '--frobnicate'"},
     };
-    for (const auto& [changes, message] : refused)
-        EXPECT_EQ(ctl({"deploy"}, changes), fails(message));
+    for (const auto& [changes, message] : refused) {
+        for (const std::string command : {"deploy", "plan"})
+            EXPECT_EQ(ctl({command}, changes), fails(message)) << command;
+    }
+    EXPECT_EQ(ctl({"deploy", "--instance=../x"}), fails("an instance cannot be called \"../x\"" + plain));
+    EXPECT_EQ(ctl({"deploy", "--metadata-file=/none"}), fails("cannot read /none"));
     EXPECT_EQ(zendrelctl({"deploy"}), fails("no PACKAGE given; see zendrelctl deploy --help"));
     EXPECT_EQ(zendrelctl({"frob"}), fails("no such command: frob; see zendrelctl --help"));
     EXPECT_EQ(zendrelctl({"verify", "--instance=none"}), fails("no instance is recorded as none"));
@@ -146,7 +128,7 @@ TEST_F(Instances, AreNotDeployedByMistake)
     site_.shell("ln -s nowhere package/htdocs/dangling");
     EXPECT_EQ(ctl({"deploy"}).err.substr(0, 6), "error ");
     EXPECT_EQ(ctl({"deploy", "--force"}).status, 1);
-    EXPECT_EQ(zendrelctl({"instances"}), prints(""));
+    EXPECT_EQ(all({"instances"}), prints(""));
     site_.shell("rm package/htdocs/dangling; touch package/scripts/fails; mkdir -p vhost/httpdocs/app/index.html/x; "
                 "chown -R alice: vhost/httpdocs/app");
     EXPECT_EQ(ctl({"deploy"}).err,
@@ -154,9 +136,9 @@ TEST_F(Instances, AreNotDeployedByMistake)
               "tries it all the same\n");
     site_.shell("rm -r vhost/httpdocs/app");
     EXPECT_EQ(ctl({"deploy", "--script"}).err, "zendrelctl: the package's script ended install with status 1\n");
-    EXPECT_EQ(plain(zendrelctl({"instances"})), prints("vhost-app shop 2-7 deploying @/vhost/httpdocs/app\n"));
+    EXPECT_EQ(all({"instances"}), prints("vhost-app shop 2-7 deploying @/vhost/httpdocs/app\n"));
     EXPECT_EQ(ctl({"upgrade", site_.path("package")}), fails("instance vhost-app is recorded as deploying"));
-    EXPECT_EQ(zendrelctl({"verify"}), prints("vhost-app unfinished deploying\n", 2));
+    EXPECT_EQ(all({"verify"}), prints("vhost-app unfinished deploying\n", 2));
     EXPECT_EQ(ctl({"deploy", "--instance=other"}), fails("@/vhost/httpdocs/app already has instance vhost-app"));
     EXPECT_EQ(ctl({"deploy", "--instance=vhost-app"}, {"--application-subdirectory=x"}),
               fails("instance vhost-app is being deployed to @/vhost/httpdocs/app"));
@@ -164,10 +146,10 @@ TEST_F(Instances, AreNotDeployedByMistake)
     EXPECT_EQ(ctl({"deploy"}), fails("instance vhost-app is recorded as installed"));
 
     site_.shell("echo '{}' >" + kStore + "bad.json");
-    const Result bad = zendrelctl({"instances"});
+    const Result bad = all({"instances"});
     EXPECT_EQ(bad.err.find("zendrelctl: a record cannot be read: "), 0u) << bad;
     site_.shell("rm " + kStore + "bad.json; sed -i 's/\"format\": 1/\"format\": 2/' " + kStore + "vhost-app.json");
-    EXPECT_EQ(zendrelctl({"verify"}), fails("a record was written by a newer zendrelctl"));
+    EXPECT_EQ(all({"verify"}), fails("a record was written by a newer zendrelctl"));
 }
 
 TEST_F(Instances, TakeOneCommandAtATime)
@@ -178,7 +160,7 @@ TEST_F(Instances, TakeOneCommandAtATime)
     const int lock = open(path.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
     EXPECT_EQ(ctl({"remove"}), fails("instance vhost-app is in use by process 4711 (upgrade)"));
-    EXPECT_EQ(zendrelctl({"verify"}), prints(""));
+    EXPECT_EQ(all({"verify"}), prints(""));
     // Who waits is seen to have opened the lock before it is given free.
     const pid_t waiting = fork();
     if (waiting == 0)
@@ -196,7 +178,7 @@ TEST_F(Instances, TakeOneCommandAtATime)
     const Result many =
         run({"sh", "-c", "for i in 1 2 3 4 5 6 7 8; do " + deploy + " --instance=i$i 2>/dev/null & done; wait"});
     EXPECT_EQ(std::count(many.out.begin(), many.out.end(), '\n'), 1) << many;
-    EXPECT_EQ(zendrelctl({"verify"}), prints(""));
+    EXPECT_EQ(all({"verify"}), prints(""));
 }
 
 /// A full disk, and a kill at each step: the record tells how far a command was, and it goes on.
@@ -207,34 +189,21 @@ TEST_F(Instances, SurviveAFullDiskAndAKill)
     EXPECT_EQ(full.err.find("zendrelctl: cannot write " + kStore + "vhost-app."), 0u) << full;
     EXPECT_NE(full.err.find(": File too large"), std::string::npos) << full;
     EXPECT_EQ(site_.listing(), "\n");
-    EXPECT_EQ(zendrelctl({"instances"}), prints(""));
+    EXPECT_EQ(all({"instances"}), prints(""));
 
     int kills = 0;
     for (const std::string word : {"deploy", "remove"}) {
         for (const std::string call : {"fsync", "rename", "wait4", "clone,clone3,fork,vfork", "unlink,unlinkat"}) {
             bool killed = true;
             for (int when = 1; killed; ++when) {
-                static_cast<void>(ctl({word == "deploy" ? "remove" : "deploy"}));
-                Words command = {"strace",
-                                 "-fo",
-                                 site_.path("trace"),
-                                 "-e",
-                                 "trace=" + call,
-                                 "-e",
-                                 "inject=" + call + ":signal=KILL:when=" + std::to_string(when),
-                                 ZENDREL_CONTROL_PROGRAM,
-                                 word};
-                if (word == "deploy")
-                    command.push_back(site_.path("package"));
-                static_cast<void>(run(site_.ctl(command)));
-                static_cast<void>(run({"flock", kStore + "vhost-app.lock", "true"}));
-                killed = read(site_.path("trace")).find("killed by SIGKILL") != std::string::npos;
+                ctl({word == "deploy" ? "remove" : "deploy"});
+                const Words package = {word, site_.path("package")};
+                killed = site_.kills(word == "deploy" ? package : Words {word}, call, when);
                 kills += killed;
-                const bool done =
-                    (zendrelctl({"instances"}).out.find("installed") != std::string::npos) == (word == "deploy");
+                const bool done = (all({"instances"}).out.find("installed") != std::string::npos) == (word == "deploy");
                 const Result result = ctl({word});
                 EXPECT_TRUE(result.status == 0 || done) << call << when << result;
-                EXPECT_EQ(zendrelctl({"verify"}), prints("")) << call << when;
+                EXPECT_EQ(all({"verify"}), prints("")) << call << when;
                 EXPECT_EQ(site_.tree().empty(), word == "remove");
             }
         }
