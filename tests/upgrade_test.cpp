@@ -1,14 +1,6 @@
 // Upgrades and rollbacks, of a site in use and with processes killed.
 
-#include "tests/support/Sandbox.h"
-
-#include <boost/algorithm/string.hpp>
-
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
+#include "tests/support/Apache.h"
 
 using namespace sandbox;
 
@@ -19,24 +11,16 @@ protected:
     /// Two versions of an application: "old" has a file that "new" lacks, and the other way round.
     Upgrade()
     {
-        const std::string mappings =
-            "<mapping url='/' path='htdocs'><mapping url='data'><php:permissions writable='true'/>"
-            "<mapping url='fixed'/></mapping></mapping>";
         for (const std::string version : {"old", "new", "bad"}) {
-            site_.write("package/htdocs/index.html", version);
-            site_.write("package/htdocs/only/" + version, version);
-            site_.write("package/htdocs/data/seed", version);
-            site_.write("package/htdocs/data/untouched", version);
-            site_.write("package/htdocs/data/fixed/f", version);
-            site_.metadata(mappings);
+            for (const std::string file : {"index.html", "only/", "data/seed", "data/untouched", "data/fixed/f"})
+                site_.write("package/htdocs/" + (file == "only/" ? file + version : file), version);
+            site_.metadata("<configuration-script-language>binary</configuration-script-language>"
+                           "<m '/' path='htdocs'><m 'data'><p:permissions writable='true'/><m 'fixed'/></m></m>");
             site_.write("package/scripts/configure",
                         "#!/bin/sh\nfor file in $2/*.txt; do test ! -f $file || echo $1 >>$file; done\n"
                         "test ! -e ${0%/*}/fails\n",
                         0755);
-            site_.shell("sed -i 's#<version>2#<version>" + version
-                        + "#; s#<mapping url=./#<configuration-script-language>"
-                          "binary</configuration-script-language>&#' package/APP-META.xml; mv package "
-                        + version);
+            site_.shell("sed -i 's#<version>2#<version>" + version + "#' package/APP-META.xml; mv package " + version);
         }
         site_.shell("ln -s nowhere bad/htdocs/dangling; chown alice:oxacln vhost/httpdocs");
         EXPECT_EQ(ctl({"deploy", "old"}).status, 0);
@@ -48,22 +32,16 @@ protected:
         Words all = words;
         if (words.size() > 1)
             all[1] = site_.path(words[1]);
-        Result result = zendrelctl(site_.ctl(all, changes));
-        boost::replace_all(result.err, site_.path(), "@");
-        return result;
+        return site_.plain(zendrelctl(site_.ctl(all, changes)));
     }
     /// What a site collects: by the web server, which also changes what was installed, and by its owner.
     void use() const
     {
-        site_.put("app/data/entries", "1\n", 0644, kWebServer, kWebServer);
-        site_.put("app/data/albums/", "", 0755, kWebServer, kWebServer);
-        site_.put("app/data/albums/photo", "p", 0600, kWebServer, kWebServer);
-        site_.put("app/data/private/", "", 0700, kWebServer, kWebServer);
-        site_.put("app/data/private/key", "k", 0600, kWebServer, kWebServer);
-        site_.put("app/data/seed", "grown", 0666, kAlice);
-        site_.put("app/data/mine", "m", 0600, kAlice);
-        site_.put("app/own.txt", "own\n", 0640, kAlice);
-        site_.shell("ln -s data/entries vhost/httpdocs/app/link; chown -h alice:oxacln vhost/httpdocs/app/link");
+        site_.shell(
+            "cd vhost/httpdocs/app/data; mkdir albums; mkdir -m 700 private; echo 1 >entries; printf p >albums/photo\n"
+            "printf k >private/key; chown -R www-data: albums entries private; chmod 600 albums/photo private/key\n"
+            "printf grown >seed; chmod 666 seed; printf m >mine; chmod 600 mine; echo own >../own.txt\n"
+            "chmod 640 ../own.txt; ln -s data/entries ../link; chown -h alice:oxacln mine ../own.txt ../link");
     }
     /// All there is to know of the running tree, but for links that come and go.
     std::string state() const
@@ -71,7 +49,6 @@ protected:
         return run({"find", site_.docroot("app"), "-printf", "%i %m %u %g %s %T@ %p %l\n"}).out;
     }
 
-    static constexpr uid_t kWebServer = 33;
     const Site site_;
 };
 
@@ -95,21 +72,20 @@ l 777 alice:oxacln: link=data/entries
 TEST_F(Upgrade, ExchangesTheTreeWithWhatTheSiteHasCollected)
 {
     use();
-    const std::string app = site_.docroot("app"), previous = site_.docroot(".app.previous");
-    const std::string inode = run({"stat", "-c%i", app}).out;
-    EXPECT_EQ(ctl({"upgrade", "new"}), (Result {0, "upgraded vhost-app from shop old-7 to shop new-7\n", ""}));
+    const std::string inode = site_.output("stat -c%i vhost/httpdocs/app | tr -d '\\n'");
+    EXPECT_EQ(ctl({"upgrade", "new"}), prints("upgraded vhost-app from shop old-7 to shop new-7\n"));
     EXPECT_EQ(site_.listing("vhost/httpdocs/app"), boost::replace_all_copy(std::string(kCollected), "#", "new"));
-    EXPECT_EQ(run({"stat", "-c%i %a", previous}).out, inode.substr(0, inode.size() - 1) + " 700\n");
+    EXPECT_EQ(site_.output("stat -c'%i %a' vhost/httpdocs/.app.previous"), inode + " 700\n");
 
     // Who writes to a file writes to both; what is replaced, new or changed goes along.
     site_.shell(
         "cd vhost/httpdocs; echo 2 >>.app.previous/data/entries; echo q >app/data/photo.tmp\n"
         "chown www-data: app/data/photo.tmp; mv app/data/photo.tmp app/data/albums/photo\n"
         "rm app/data/private/key; echo n >app/data/new; chown www-data app/data/new; echo more >>app/data/seed");
-    EXPECT_EQ(ctl({"rollback"}), (Result {0, "rolled vhost-app back from shop new-7 to shop old-7\n", ""}));
+    EXPECT_EQ(ctl({"rollback"}), prints("rolled vhost-app back from shop new-7 to shop old-7\n"));
     EXPECT_EQ(
-        run({"sh", "-c", "cd " + app + "; cat data/entries data/albums/photo data/new data/seed data/untouched only/*"})
-            .out,
+        site_.output("cd vhost/httpdocs/app; cat data/entries data/albums/photo data/new data/seed data/untouched "
+                     "only/*"),
         "1\n2\nq\nn\ngrownmore\noldold");
     EXPECT_EQ(ctl({"verify"}).out,
               "vhost-app mode 0646 -> 0666 data/seed\nvhost-app changed data/seed\nvhost-app extra alice link\n"
@@ -119,10 +95,10 @@ TEST_F(Upgrade, ExchangesTheTreeWithWhatTheSiteHasCollected)
     EXPECT_EQ(ctl({"rollback"}).status, 0);
     EXPECT_EQ(ctl({"upgrade", "old", "--keep=2"}).status, 0);
     EXPECT_EQ(ctl({"upgrade", "new", "--keep=2"}).status, 0);
-    EXPECT_EQ(run({"sh", "-c", "cd " + site_.docroot() + "; cat .app.prev*/index.html; ls -A"}).out,
+    EXPECT_EQ(site_.output("cd vhost/httpdocs; cat .app.prev*/index.html; ls -A"),
               "newold.app.previous\n.app.previous.2\napp\n");  // "." comes before "/"
     EXPECT_EQ(ctl({"upgrade", "old", "--keep=0"}).status, 0);
-    EXPECT_EQ(run({"ls", "-A", site_.docroot()}).out, "app\n");
+    EXPECT_EQ(site_.output("ls -A vhost/httpdocs"), "app\n");
     EXPECT_EQ(ctl({"rollback"}), says(1, "zendrelctl: nothing is kept of instance vhost-app\n"));
     EXPECT_EQ(ctl({"upgrade", "new"}).status, 0);
     site_.shell("rm -r vhost/httpdocs/.app.previous");
@@ -161,7 +137,7 @@ TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(result.err.substr(result.err.rfind("zendrelctl: ")), "zendrelctl: " + message + "\n");
         EXPECT_EQ(read(kStore + "vhost-app.json"), record);
-        EXPECT_EQ(run({"ls", "-A", site_.docroot()}).out, "app\n");
+        EXPECT_EQ(site_.output("ls -A vhost/httpdocs"), "app\n");
     };
     fails({"upgrade", "new"}, "closed cannot be taken over: Permission denied");
     site_.shell("rmdir vhost/httpdocs/app/closed; touch -d 2001-01-01 vhost/httpdocs/app/own.txt");
@@ -175,8 +151,7 @@ TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
     EXPECT_EQ(ctl({"upgrade", "new", "--script", "--script-parameter={application}"}).status, 0);
     EXPECT_EQ(read(site_.docroot("app/own.txt")), "own\nupgrade\n");
     EXPECT_EQ(read(site_.docroot(".app.previous/own.txt")), "own\n");
-    EXPECT_EQ(run({"stat", "-c%Y", site_.docroot("app/data/entries")}).out,
-              run({"stat", "-c%Y", site_.docroot(".app.previous/data/entries")}).out);
+    site_.shell("cd vhost/httpdocs; test $(stat -c%Y app/data/entries) = $(stat -c%Y .app.previous/data/entries)");
     EXPECT_NE(before, used);
 }
 
@@ -189,10 +164,9 @@ TEST_F(Upgrade, IsRefusedWhereNothingCanBeExchanged)
     EXPECT_EQ(ctl({"upgrade", "new"}), refused);
     use();
     site_.shell("rm -r vhost/httpdocs/app/data/private");  // which an extraction stumbles on
-    EXPECT_EQ(ctl({"upgrade", "new", "--in-place"}),
-              (Result {0, "upgraded vhost-app from shop old-7 to shop new-7\n", ""}));
+    EXPECT_EQ(ctl({"upgrade", "new", "--in-place"}), prints("upgraded vhost-app from shop old-7 to shop new-7\n"));
     EXPECT_EQ(site_.tree("vhost/httpdocs/app/only"), (Tree {{"new", "- 644 alice:oxacln new"}}));
-    EXPECT_EQ(run({"ls", "-A", site_.docroot()}).out, "app\n");
+    EXPECT_EQ(site_.output("ls -A vhost/httpdocs"), "app\n");
     EXPECT_EQ(read(site_.docroot("app/own.txt")), "own\n");
     site_.shell("chown alice vhost/httpdocs; mkdir vhost/httpdocs/.app.next");
     EXPECT_EQ(ctl({"upgrade", "old"}), says(1, "zendrelctl: @/vhost/httpdocs/.app.next is in the way\n"));
@@ -205,40 +179,21 @@ TEST_F(Upgrade, GoesOnAfterAKill)
     use();
     site_.shell("chmod 606 vhost/httpdocs/app/data/mine");  // as an upgrade makes it
     int kills = 0;
-    const auto killed = [&](const Words& words, const std::string& inject) {
-        Words command = {"sh",
-                         "-c",
-                         "strace \"$@\" >/dev/null 2>&1",
-                         "sh",
-                         "-o",
-                         site_.path("trace"),
-                         "-fe",
-                         "trace=" + inject.substr(0, inject.find(':')),
-                         "-e",
-                         "inject=" + inject,
-                         ZENDREL_CONTROL_PROGRAM};
-        const Words more = site_.ctl(words);
-        command.insert(command.end(), more.begin(), more.end());
-        static_cast<void>(run(command));
-        // Processes that were left alone are at their end, too.
-        static_cast<void>(run({"flock", kStore + "vhost-app.lock", "true"}));
-        return read(site_.path("trace")).find("killed by SIGKILL") != std::string::npos;
-    };
     for (const std::string call : {"fsync", "renameat2,rename", "linkat", "wait4", "mkdirat", "unlink,unlinkat"}) {
         bool again = true;
         for (int when = 1; again; ++when) {
             const std::string before = read(site_.docroot("app/index.html"));
             const Words words = before == "old" ? Words {"upgrade", site_.path("new")} : Words {"rollback"};
-            again = killed(words, call + ":signal=KILL:when=" + std::to_string(when));
+            again = site_.kills(words, call, when);
             const std::string seen = read(site_.docroot("app/index.html"));
-            EXPECT_EQ(run({"ls", site_.docroot("app/only")}).out, seen + "\n");
+            EXPECT_EQ(site_.output("ls vhost/httpdocs/app/only"), seen + "\n");
             const Result result = zendrelctl(site_.ctl(words));
             const bool other = seen != before;  // a command that had come to its very end begins anew
             EXPECT_EQ(result.status, other && words[0] == "rollback" ? result.status : 0) << call << when << result;
             const std::string index = read(site_.docroot("app/index.html"));
             EXPECT_EQ(site_.listing("vhost/httpdocs/app"),
                       boost::replace_all_copy(std::string(kCollected), "#", index));
-            EXPECT_EQ(run({"ls", "-A", site_.docroot()}).out, ".app.previous\napp\n");
+            EXPECT_EQ(site_.output("ls -A vhost/httpdocs"), ".app.previous\napp\n");
             kills += again;
         }
     }
@@ -249,40 +204,27 @@ TEST_F(Upgrade, GoesOnAfterAKill)
 TEST(Visitors, LoseNothingAndSeeNoError)
 {
     const Site site;
-    const std::string address = "127." + std::to_string(getpid()) + ":18081", url = "http://" + address + "/app/";
-    site.shell(
-        "for v in 1 2 bad; do cp -r " ZENDREL_SOURCE_DIR "/examples/packages/guestbook $v\n"
-        "sed -i \"s#<version>1.0#<version>$v#\" $v/APP-META.xml; done; ln -s nowhere bad/htdocs/dangling\n"
-        "chown alice vhost/httpdocs; mkdir server; cat >httpd.conf <<END\n"
-        "$(for name in mpm_prefork authz_core mime cgi; do\n"
-        "echo \"LoadModule ${name}_module /usr/lib/apache2/modules/mod_$name.so\"; done)\n"
-        "ServerRoot $PWD/server\nDefaultRuntimeDir $PWD/server\nPidFile pid\nErrorLog log\nServerName localhost\n"
-        "User www-data\nGroup www-data\nTypesConfig /dev/null\nDocumentRoot $PWD/vhost/httpdocs\n"
-        "Listen "
-        + address
-        + "\n<Directory $PWD/vhost/httpdocs>\nOptions +ExecCGI\nAddHandler cgi-script .pl\n"
-          "</Directory>\nEND");
+    site.shell("for v in 1 2 bad; do cp -r " ZENDREL_SOURCE_DIR "/examples/packages/guestbook $v\n"
+               "sed -i \"s#<version>1.0#<version>$v#\" $v/APP-META.xml; done; ln -s nowhere bad/htdocs/dangling\n"
+               "chown alice vhost/httpdocs");
     const auto ctl = [&site](const std::string& word, const std::string& package) {
-        Words words = {word};
-        if (!package.empty())
-            words.insert(words.end(), {site.path(package), "--force"});
-        return zendrelctl(site.ctl(words)).status;
+        const Words operands = {site.path(package), "--force"};
+        return zendrelctl(site.ctl(Words {word} + (package.empty() ? Words() : operands))).status;
     };
     ASSERT_EQ(ctl("deploy", "1"), 0);
-    std::vector<pid_t> processes;
-    const auto start = [&](const std::string& command) {
-        processes.push_back(fork());
-        if (processes.back() == 0 && setpgid(0, 0) == 0)
-            _exit(execl("/bin/sh", "sh", "-c", ("cd " + site.path() + "\n" + command).c_str(), nullptr));
+    Apache apache(site, "<Directory $PWD/vhost/httpdocs>\nOptions +ExecCGI\nAddHandler cgi-script .pl\n</Directory>");
+    apache.restart("-Dcgi -Dnophp");
+    std::vector<pid_t> visitors;
+    const auto start = [&](const std::string& request, const std::string& name) {
+        const std::string curl = "curl -so /dev/null -w '%{http_code}\n' " + apache.address() + "/app/" + request;
+        visitors.push_back(fork());
+        if (visitors.back() == 0)
+            _exit((site.shell("until test -e stop; do " + curl + "; done >" + name), 0));
     };
-    start("exec apache2 -f $PWD/httpd.conf -DFOREGROUND");
-    while (run({"curl", "-so/dev/null", url}).status == 7)  // it does not listen yet
-        ASSERT_EQ(waitpid(processes[0], nullptr, WNOHANG), 0) << read(site.path("server/log"));
-    const std::string curl = "until test -e stop; do curl -so /dev/null -w '%{http_code}\n' " + url;
     for (const std::string name : {"ann", "ben"})
-        start(curl + "cgi-bin/guestbook.pl -d name=" + name + " -d message=hello; done >" + name);
-    start(curl + "cgi-bin/guestbook.pl; done >cat");
-    start(curl + "index.html; done >dan");
+        start("cgi-bin/guestbook.pl -d name=" + name + " -d message=hello", name);
+    start("cgi-bin/guestbook.pl", "cat");
+    start("index.html", "dan");
 
     std::string newest = "1";
     for (int i = 0; i < 100; ++i) {
@@ -292,10 +234,8 @@ TEST(Visitors, LoseNothingAndSeeNoError)
         newest = expected == 1 ? newest : next;
     }
     site.write("stop", "");
-    for (std::size_t i = 1; i < processes.size(); ++i)
-        EXPECT_EQ(waitpid(processes[i], nullptr, 0), processes[i]);
-    EXPECT_EQ(kill(processes[0], SIGTERM), 0);
-    EXPECT_EQ(waitpid(processes[0], nullptr, 0), processes[0]);
+    for (const pid_t visitor : visitors)
+        EXPECT_EQ(waitpid(visitor, nullptr, 0), visitor);
 
     const std::string signed_book = read(site.path("ann")) + read(site.path("ben"));
     EXPECT_EQ(boost::replace_all_copy(signed_book, "303\n", ""), "");

@@ -1,9 +1,5 @@
 #include "tests/support/Apache.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <utility>
 
 namespace sandbox {
