@@ -4,27 +4,14 @@
 #include "ctl/MetadataSchema.h"
 #include "tests/support/Sandbox.h"
 
-#include <boost/algorithm/string.hpp>
 #include <libxml/relaxng.h>
 
-#include <algorithm>
 #include <cstring>
 
 using namespace sandbox;
 using namespace tarvik;
 
 namespace {
-
-const std::string kNamed = "<name/><version/><release/>";
-
-/// A package, where "<m 'x'" is short for "<mapping url='x'".
-std::string package(const std::string& content, const std::string& attributes = "")
-{
-    const std::string uri = "='http://veska.example/ns/1", root = "<application xmlns" + uri + "' xmlns:p" + uri;
-    const std::string text = root + "/php' xmlns:c" + uri + "/cgi' xmlns:f='urn:f' " + attributes + ">" + content;
-    return boost::replace_all_copy(boost::replace_all_copy(text, "<m '", "<mapping url='"), "</m>", "</mapping>")
-        + "</application>";
-}
 
 bool is_read(const std::string& text)
 try {
@@ -49,6 +36,16 @@ bool is_valid(const std::string& text)
     return valid;
 }
 
+std::string package(const std::string& content, const std::string& attributes = "")
+{
+    return application(content, "xmlns:f='urn:f' " + attributes);
+}
+
+std::string named(const std::string& content, const std::string& attributes = "")
+{
+    return package("<name/><version/><release/>" + content, attributes);
+}
+
 std::string errors_of(const std::string& text)
 {
     std::string lines;
@@ -59,84 +56,73 @@ std::string errors_of(const std::string& text)
 
 TEST(Schema, TakesWhatTheReaderReadsAsItStandsAndTellsTheRest)
 {
-    enum Reader { Read, Refused };
-    const std::string together = " lacks something, or has what does not go together\n";
-    const std::string languages = "\"php\" or \"mo-engine-tarvikrun\" or \"perl\" or \"binary\"\n";
-    const std::tuple<const char*, std::string, Reader, std::string> cases[] = {
+    const std::string together = " lacks something, or has what does not go together\n";  // "#" in the table
+    const struct {
+        const char* why;
+        std::string text, errors;
+        bool refused = false;  // by the reader
+    } cases[] = {
         {"all there is, in any order",
          package("<m '/' path=''><c:handler><c:extension>pl</c:extension><c:extension> a</c:extension></c:handler>"
                  "<p:permissions/><m 'x'><p:permissions writable='false'/><c:handler><c:all-files/></c:handler></m>"
                  "<p:handler><p:disabled/></p:handler><m 'r' virtual='redirect' href='/x'/></m><release>1</release>"
                  "<configuration-script-language>perl</configuration-script-language><version/><m 'y'/><name>n</name>",
                  "version='1.2'"),
-         Read, ""},
+         ""},
         {"what is foreign",
-         package(kNamed
-                 + "<f:x><name/>t<m a='b'/></f:x><m 'x' f:x='' xml:lang='en'><f:y>t</f:y>"
-                   "<p:handler><f:y/><p:extension/><f:y/></p:handler><c:handler><f:y/><c:all-files/></c:handler></m>"),
-         Read, ""},
+         named("<f:x><name/>t<m a='b'/></f:x><m 'x' f:x='' xml:lang='en'><f:y>t</f:y>"
+               "<p:handler><f:y/><p:extension/><f:y/></p:handler><c:handler><f:y/><c:all-files/></c:handler></m>"),
+         ""},
         {"entities",
          "<!DOCTYPE a [<!ENTITY t 'true'><!ENTITY v '1&w;'><!ENTITY w '2'>]>"
              + package("<name>&v;</name><version>&w;.&v;</version><release/><m '&v;'><p:permissions writable='&t;'/>"
                        "</m>"),
-         Read, ""},
-        {"no package", "<x/>", Refused, "1 this is no package: it begins with \"x\" of no namespace\n"},
-        {"nothing in it", package(""), Refused, "1 Expecting an element name, got nothing\n"},
-        {"a name twice", package(kNamed + "<name/>"), Read, "1 Extra element name in interleave\n"},
+         ""},
+        {"no package", "<x/>", "1 this is no package: it begins with \"x\" of no namespace\n", true},
+        {"nothing in it", package(""), "1 Expecting an element name, got nothing\n", true},
+        {"a name twice", named("<name/>"), "1 Extra element name in interleave\n"},
         {"unknown names, each on its line",
-         package(kNamed
-                 + "\n<maping url='x'/><m 'x' writable='true'>\n<handler/>\n<m 'y' p:path='x'/></m>"
-                   "<mapping xmlns='' url='z'/><p:handler/><name2>\n<m/></name2>"),
-         Read,
+         named("\n<maping url='x'/><m 'x' writable='true'>\n<handler/>\n<m 'y' p:path='x'/></m>"
+               "<mapping xmlns='' url='z'/><p:handler/><name2>\n<m/></name2>"),
          "2 unknown element \"maping\"\n2 unknown attribute \"writable\" of \"mapping\"\n"
          "3 unknown element \"handler\"\n4 unknown attribute \"php:path\" of \"mapping\"\n"
          "4 unknown element \"mapping\" of no namespace\n4 \"php:handler\" means nothing in \"application\"\n"
          "4 unknown element \"name2\"\n"},
         {"values that mean another thing",
-         package(kNamed
-                     + "<m 'x'><p:permissions writable='yes'/><p:permissions writable=' true'/></m>"
-                       "<m 'x' virtual='moved' href='x'/>"
-                       "<configuration-script-language> php</configuration-script-language>",
-                 "version='2.0'"),
-         Read,
+         named("<m 'x'><p:permissions writable='yes'/><p:permissions writable=' true'/></m>"
+               "<m 'x' virtual='moved' href='x'/>"
+               "<configuration-script-language> php</configuration-script-language>",
+               "version='2.0'"),
          "1 \"version\" of \"application\" is \"2.0\", not \"1.0\" or \"1.1\" or \"1.2\"\n"
          "1 \"writable\" of \"php:permissions\" is \"yes\", not \"true\" or \"false\"\n"
          "1 \"writable\" of \"php:permissions\" is \" true\", not \"true\" or \"false\"\n"
          "1 \"virtual\" of \"mapping\" is \"moved\", not \"redirect\"\n"
-         "1 \"configuration-script-language\" is \" php\", not "
-             + languages},
-        {"no url", package(kNamed + "<m 'x'>\n<mapping path='y'/></m>"), Refused, "2 \"mapping\"" + together},
-        {"a target without a redirect", package(kNamed + "<m 'x' href='/y'/>"), Read, "1 \"mapping\"" + together},
-        {"a redirect without a target", package(kNamed + "<m 'x' virtual='redirect'/>"), Read,
-         "1 \"mapping\"" + together},
-        {"one with an empty target stands for the package", package(kNamed + "<m 'x' virtual='redirect' href=''/>"),
-         Read, "1 \"mapping\"" + together},
-        {"a redirect with something in it", package(kNamed + "<m 'x' virtual='redirect' href='/y'><m 'z'/></m>"), Read,
-         "1 \"mapping\"" + together},
-        {"handlers in doubt, and others beside them",
-         package(kNamed
-                 + "<m 'x'><c:handler><c:extension/><c:all-files/></c:handler>\n"
-                   "<p:handler><p:disabled/><p:extension>x</p:extension></p:handler>\n"
-                   "<c:handler><c:disabled/></c:handler><p:handler><p:disabled/><p:disabled/></p:handler></m>"),
-         Read, "1 \"cgi:handler\"" + together + "2 \"php:handler\"" + together + "3 \"php:handler\"" + together},
-        {"text where none is read", package(kNamed + "<m 'x'>t<c:handler>t</c:handler></m>"), Read,
+         "1 \"configuration-script-language\" is \" php\", not \"php\" or \"mo-engine-tarvikrun\" or \"perl\" or "
+         "\"binary\"\n"},
+        {"no url", named("<m 'x'>\n<mapping path='y'/></m>"), "2 \"mapping\"#", true},
+        {"a target without a redirect; a redirect with none, with an empty one, with something in it",
+         named("<m 'x' href='/y'/>\n<m 'x' virtual='redirect'/>\n<m 'x' virtual='redirect' href=''/>\n"
+               "<m 'x' virtual='redirect' href='/y'><m 'z'/></m>"),
+         "1 \"mapping\"#2 \"mapping\"#3 \"mapping\"#4 \"mapping\"#"},
+        {"handlers in doubt, others beside them, and foreign text that would be read",
+         named("<m 'x'><c:handler><c:extension/><c:all-files/></c:handler>\n"
+               "<p:handler><p:disabled/><p:extension>x</p:extension></p:handler>\n"
+               "<c:handler><c:disabled/></c:handler><p:handler><p:disabled/><p:disabled/></p:handler>\n"
+               "<p:handler><p:extension>a<f:x>b</f:x></p:extension></p:handler></m>"),
+         "1 \"cgi:handler\"#2 \"php:handler\"#3 \"php:handler\"#4 \"php:handler\"#"},
+        {"text where none is read", named("<m 'x'>t<c:handler>t</c:handler></m>"),
          "1 \"mapping\" has text, which means nothing\n1 \"cgi:handler\" has text, which means nothing\n"},
-        {"foreign text that would be read",
-         package(kNamed
-                 + "<m 'x'><p:handler><p:extension>a<f:x>b</f:x>"
-                   "</p:extension></p:handler></m>"),
-         Read, "1 \"php:handler\"" + together},
     };
-    for (const auto& [why, text, reader, errors] : cases) {
+    for (const auto& [why, text, errors, refused] : cases) {
         SCOPED_TRACE(why);
-        EXPECT_EQ(is_read(text), reader == Read);
-        EXPECT_EQ(errors_of(text), errors);
+        EXPECT_NE(is_read(text), refused);
+        EXPECT_EQ(errors_of(text), boost::replace_all_copy(errors, "#", together));
         EXPECT_EQ(is_valid(text) || text.find("<!ENTITY") != std::string::npos, errors.empty());
         EXPECT_TRUE(!is_valid(text) || is_read(text));
     }
     for (const std::string language : {"php", "perl", "binary", "mo-engine-tarvikrun", "sh", ""}) {
         const std::string element = "<configuration-script-language>" + language + "</configuration-script-language>";
-        EXPECT_EQ(is_valid(package(kNamed + element)), is_script_language(language)) << language;
+        EXPECT_EQ(is_valid(named(element)), is_script_language(language)) << language;
     }
     EXPECT_EQ(read(ZENDREL_SOURCE_DIR "/share/app-meta.rng"), ctl::kMetadataSchema);
 }
@@ -145,9 +131,7 @@ class Check : public testing::Test {
 protected:
     Result check(const Words& more = {}) const
     {
-        Words words = {"check", site_.path("package")};
-        words.insert(words.end(), more.begin(), more.end());
-        return zendrelctl(words, "", {0, 20});
+        return zendrelctl(Words {"check", site_.path("package")} + more, "", {0, 20});
     }
     const Site site_;
 };
@@ -157,30 +141,29 @@ TEST_F(Check, FindsNothingInTheExamplesAndEverythingElsewhere)
     for (const std::string name : {"guestbook", "photos"})
         EXPECT_EQ(zendrelctl({"check", ZENDREL_SOURCE_DIR "/examples/packages/" + name}), says(0, ""));
 
-    site_.metadata("<configuration-script-language>php</configuration-script-language><mapping url='/' path='/'>\n"
-                   "<mapping url='../..'/>\n</mapping>");
+    site_.metadata("<configuration-script-language>php</configuration-script-language><m '/' path='/'>\n"
+                   "<m '../..'/>\n</m>");
     site_.write("package/scripts/configure", "#!/usr/bin/env -S perl -w\n", 0600);
     EXPECT_EQ(check(),
-              (Result {2,
-                       "error APP-META.xml:3: url \"/../..\" leads out of the application\n"
-                       "warning APP-META.xml:3: path \"../..\" leads out of the package\n"
-                       "error scripts/configure: mode 0600 does not let everyone read it: the site's user has to\n"
-                       "error scripts/configure: its first line asks for perl, the metadata for php\n",
-                       ""}));
+              prints("error APP-META.xml:3: url \"/../..\" leads out of the application\n"
+                     "warning APP-META.xml:3: path \"../..\" leads out of the package\n"
+                     "error scripts/configure: mode 0600 does not let everyone read it: the site's user has to\n"
+                     "error scripts/configure: its first line asks for perl, the metadata for php\n",
+                     2));
 
-    site_.metadata("<configuration-script-language>binary</configuration-script-language><mapping url='/' path='/'>\n"
-                   "<mapping url='none'/><mapping url='no' path='where'><php:permissions writable='true'/></mapping>\n"
-                   "<mapping url='one' path='b/tool'><cgi:handler><cgi:all-files/></cgi:handler></mapping>\n"
-                   "<mapping url='c d'/><mapping url='a b' path='b'><php:handler><php:extension>.php</php:extension>"
-                   "<php:extension>a b</php:extension><php:extension/></php:handler></mapping>\n"
-                   "<mapping url='r' virtual='redirect' href='/a b'/>\n"
-                   "<mapping url='s' virtual='redirect' href='/b\\\\'/>\n"
-                   "<mapping url='t' virtual='redirect' href='b/c'/>\n"
-                   "<mapping url='u' virtual='redirect' href='http://x/${y}'/>\n"
-                   "<mapping url='v' virtual='redirect' href='\"/x'/>\n"
-                   "<mapping url='b/../d' path='b'><php:permissions writable='true'/><cgi:handler><cgi:extension>pl"
-                   "</cgi:extension></cgi:handler></mapping>\n"
-                   "<mapping url='d/' path='b'/><mapping url='e' path='e'/></mapping>\n");
+    site_.metadata("<configuration-script-language>binary</configuration-script-language><m '/' path='/'>\n"
+                   "<m 'none'/><m 'no' path='where'><p:permissions writable='true'/></m>\n"
+                   "<m 'one' path='b/tool'><c:handler><c:all-files/></c:handler></m>\n"
+                   "<m 'c d'/><m 'a b' path='b'><p:handler><p:extension>.php</p:extension>"
+                   "<p:extension>a b</p:extension><p:extension/></p:handler></m>\n"
+                   "<m 'r' virtual='redirect' href='/a b'/>\n"
+                   "<m 's' virtual='redirect' href='/b\\\\'/>\n"
+                   "<m 't' virtual='redirect' href='b/c'/>\n"
+                   "<m 'u' virtual='redirect' href='http://x/${y}'/>\n"
+                   "<m 'v' virtual='redirect' href='\"/x'/>\n"
+                   "<m 'b/../d' path='b'><p:permissions writable='true'/><c:handler><c:extension>pl"
+                   "</c:extension></c:handler></m>\n"
+                   "<m 'd/' path='b'/><m 'e' path='e'/></m>\n");
     site_.write("package/b/tool", "", 0755);
     site_.write("package/scripts/configure", "#!/bin/sh\r\n");
     site_.shell(
@@ -188,7 +171,7 @@ TEST_F(Check, FindsNothingInTheExamplesAndEverythingElsewhere)
         "ln -s ../b 'c d/directory'; ln -s ../b/tool 'c d/file'; mkfifo 'c d/pipe'; echo >e/secret\n"
         "chmod 0640 e/secret; chmod 0700 closed; chmod 0751 e/in; chmod 0700 b; touch \"$(printf 'c d/\\377')\"");
     EXPECT_EQ(check(),
-              (Result {2, R"(error APP-META.xml:3: there is no "where" in the package: the extraction fails on it
+              prints(R"(error APP-META.xml:3: there is no "where" in the package: the extraction fails on it
 error APP-META.xml:3: there is no "none" in the package: nothing is installed of it
 warning APP-META.xml:4: "b/tool" is a single file: no handler makes it a program
 error APP-META.xml:5: url "/a b" has a blank: Apache does not start with it
@@ -215,14 +198,14 @@ warning scripts: is put on the site, where every visitor may read it
 error scripts/configure: is not readable and executable for everyone, as a program has to be
 error scripts/configure: has a Windows line break after the interpreter's name
 )",
-                       ""}));
+                     2));
 }
 
 TEST_F(Check, LooksForTheScriptThatThePackageNames)
 {
     const std::string language = "<configuration-script-language>", end = "</configuration-script-language>";
     const std::tuple<const char*, std::string, const char*, std::string> cases[] = {
-        {"none is named", "<mapping url='r' virtual='redirect' href='/x'/>", nullptr, ""},
+        {"none is named", "<m 'r' virtual='redirect' href='/x'/>", nullptr, ""},
         {"one is there and none named", "", "x", ": is never run: the metadata does not name its language\n"},
         {"one is named and none there", language + "php" + end, nullptr,
          ": cannot be found, and the metadata names its language: No such file or directory\n"},
@@ -237,25 +220,25 @@ TEST_F(Check, LooksForTheScriptThatThePackageNames)
         if (script != nullptr)
             site_.write("package/scripts/configure", script, 0755);
         const std::string line = finding.empty() ? "" : "error scripts/configure" + finding;
-        EXPECT_EQ(check(), (Result {finding.empty() ? 0 : 2, line, ""})) << why;
+        EXPECT_EQ(check(), prints(line, finding.empty() ? 0 : 2)) << why;
     }
 }
 
 TEST_F(Check, TellsWhereMetadataIsMalformedAndWhatItCannotRead)
 {
-    const std::tuple<std::string, std::string> cases[] = {
+    const std::string beyond = ": goes beyond a limit, or is in an encoding that is not read";
+    const std::pair<std::string, std::string> cases[] = {
         {"<a>\n<b>\n</a>", "3: Opening and ending tag mismatch: b line 2 and a"},
         {"<a>\n&none;</a>", "2: Entity 'none' not defined"},
         {"", "1: Document is empty"},
-        {"<a>\n" + repeated(100'001, "<b/>"), "2: goes beyond a limit, or is in an encoding that is not read"},
-        {"<?xml version='1.0' encoding='EUC-JP'?>\n<a/>",
-         "1: goes beyond a limit, or is in an encoding that is not read"},
+        {"<a>\n" + repeated(100'001, "<b/>"), "2" + beyond},
+        {"<?xml version='1.0' encoding='EUC-JP'?>\n<a/>", "1" + beyond},
     };
     site_.write("package/APP-META.xml", "");
     for (const auto& [text, finding] : cases) {
         site_.write("other.xml", text);
         const std::string where = site_.path("other.xml");
-        EXPECT_EQ(check({"--metadata-file=" + where}), (Result {2, "error " + where + ":" + finding + "\n", ""}));
+        EXPECT_EQ(check({"--metadata-file=" + where}), prints("error " + where + ":" + finding + "\n", 2));
     }
     const std::string none = site_.path("none");
     EXPECT_EQ(check({"--metadata-file=" + none}), says(1, "zendrelctl: cannot read " + none + "\n"));
@@ -269,20 +252,18 @@ TEST_F(Check, TakesLittleTimeAndMemoryForHostileMetadata)
     for (char name = 'b'; name < 'm'; ++name)
         entities +=
             std::string("<!ENTITY ") + name + " '" + repeated(8, std::string("&") + char(name - 1) + ";") + "'>";
-    const std::tuple<const char*, std::string> cases[] = {
-        {"siblings",
-         package(kNamed + "<m 'x'><c:handler>" + repeated(40'000, "<c:extension>x</c:extension>")
-                 + "</c:handler></m>")},
-        {"mappings side by side", package(kNamed + "<m 'x'>" + repeated(30'000, "<m 'y'/>") + "</m>")},
-        {"foreign elements", package(kNamed + "<m 'x'>" + repeated(90'000, "<f:x/>") + "</m>")},
-        {"nested mappings",
-         package(kNamed + repeated(250, "<m ''>" + repeated(100, "<f:x/>")) + repeated(250, "</m>"))},
-        {"entities in attributes that nobody reads",
-         "<!DOCTYPE a [" + entities + "]>" + package(kNamed + "<f:x y='&l;'/><m 'x'/>")},
-        {"entities in texts", "<!DOCTYPE a [" + entities + "]>" + package(kNamed + "<m 'x'><f:x>&l;</f:x></m>")},
+    const std::string contents[] = {
+        "<m 'x'><c:handler>" + repeated(40'000, "<c:extension>x</c:extension>") + "</c:handler></m>",
+        "<m 'x'>" + repeated(30'000, "<m 'y'/>") + "</m>",
+        "<m 'x'>" + repeated(90'000, "<f:x/>") + "</m>",
+        repeated(250, "<m ''>" + repeated(100, "<f:x/>")) + repeated(250, "</m>"),
+        "<f:x y='&l;'/><m 'x'/>",  // which nobody reads
+        "<m 'x'><f:x>&l;</f:x></m>",
     };
-    for (const auto& [why, text] : cases) {
-        site_.write("package/APP-META.xml", text);
+    for (const std::string& content : contents) {
+        const std::string why = content.substr(0, 40);
+        const std::string type = content.find("&l;") == std::string::npos ? "" : "<!DOCTYPE a [" + entities + "]>";
+        site_.write("package/APP-META.xml", type + named(content));
         const Result result = check();
         EXPECT_EQ(result.status, 2) << why << result;
 #ifndef ZENDREL_SANITIZED
