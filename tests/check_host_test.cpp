@@ -1,8 +1,5 @@
 #include "tests/support/Sandbox.h"
 
-#include <cstdlib>
-#include <sstream>
-
 using namespace sandbox;
 
 namespace {
@@ -29,9 +26,8 @@ protected:
     /// @return what is found, with the site's directory as "@".
     std::string look(const std::string& user = "alice") const
     {
-        Result result = zendrelctl({"check-host", "--vhost-path=" + site_.vhost(), "--user-name=" + user});
-        for (std::size_t at; (at = result.out.find(site_.path())) != std::string::npos;)
-            result.out.replace(at, site_.path().size(), "@");
+        const Words words = {"check-host", "--vhost-path=" + site_.vhost(), "--user-name=" + user};
+        const Result result = site_.plain(zendrelctl(words));
         return result.out + std::to_string(result.status) + result.err;
     }
     /// @return the same, and what is found after each cure was applied.
@@ -40,11 +36,9 @@ protected:
         const std::string found = look(user);
         std::istringstream lines(found);
         for (std::string line; std::getline(lines, line);) {
-            for (std::size_t at; (at = line.find('@')) != std::string::npos;)
-                line.replace(at, 1, site_.path());
             const std::size_t cure = line.find("cure: ");
             if (cure != std::string::npos)
-                site_.shell("(" + line.substr(cure + 6) + ") >/dev/null");
+                site_.shell(boost::replace_all_copy("(" + line.substr(cure + 6) + ") >/dev/null", "@", site_.path()));
         }
         return found + look(user);
     }
@@ -55,23 +49,22 @@ protected:
 TEST_F(CheckHost, FindsWhatIsMissingAndNamesItsCure)
 {
     const std::string lost = std::string(std::getenv("SANDBOX_DIR")) + "/missing";
+    const std::string www =
+        "user www-data is not in group oxaserv    cure: usermod --append --groups oxaserv www-data\n";
+    const std::string primary = " has another primary group than oxacln    cure: usermod --gid oxacln ";
     const struct {
         const char* harm;
-        std::string found;
-        const char* user = "alice";
-        const char* left = "0";  // by the cure
+        std::string found, user = "alice", left = "0";  // by the cure
     } cases[] = {
         {"sed -i /^oxacln:/d /etc/group", "missing group oxacln    cure: groupadd --system oxacln\n", "alice",
-         "user alice has another primary group than oxacln    cure: usermod --gid oxacln alice\n2"},
+         "user alice" + primary + "alice\n2"},
         {"sed -i 's/^oxaserv:.*/oxaserv:x:0:www-data/' /etc/group",
-         "group oxaserv is root's    cure: sed -i '/^oxaserv:/d' /etc/group && groupadd --system "
-         "oxaserv\n",
-         "alice", "user www-data is not in group oxaserv    cure: usermod --append --groups oxaserv www-data\n2"},
-        {"sed -i s/^oxaserv:.*/oxaserv:x:28011:alice/ /etc/group",
-         "user www-data is not in group oxaserv    cure: usermod --append --groups oxaserv www-data\n"},
+         "group oxaserv is root's    cure: sed -i '/^oxaserv:/d' /etc/group && groupadd --system oxaserv\n", "alice",
+         www + "2"},
+        {"sed -i s/^oxaserv:.*/oxaserv:x:28011:alice/ /etc/group", www},
         {"", "user lost has no home directory " + lost + "    cure: install -d -o lost -g oxacln " + lost + "\n",
          "lost"},
-        {"", "user carol has another primary group than oxacln    cure: usermod --gid oxacln carol\n", "carol"},
+        {"", "user carol" + primary + "carol\n", "carol"},
         {"rm -r vhosts/system",
          "missing directory @/vhosts/system    cure: install -d @/vhosts/system\n"
          "missing directory @/vhosts/system/vhost    cure: install -d @/vhosts/system/vhost\n"
@@ -102,6 +95,9 @@ TEST_F(CheckHost, FindsWhatIsMissingAndNamesItsCure)
 TEST_F(CheckHost, FindsTheMistakesThatTheFileOfPathsHides)
 {
     const std::string off = "s/^/#/", separate = "s/[[:space:]]*=[[:space:]]*/ /", cut = "s/[[:space:]]+$//";
+    const std::string none = "is skipped: it has no key and value: ", strange = "has a key that is not known: ";
+    const std::string blanks = "has blanks, or another system's line end, as part of its value: ";
+    const std::string again = "has no effect: its key comes again: ";
     const struct {
         const char* text;
         std::string found, cure;
@@ -110,16 +106,15 @@ TEST_F(CheckHost, FindsTheMistakesThatTheFileOfPathsHides)
         {"MYSQL_BIN_D=/usr\n", "is skipped: blanks separate a key from its value, no \"=\": MYSQL_BIN_D=/usr",
          separate},
         {"MYSQL_BIN_D = /usr\n", "has an \"=\" as part of its value: MYSQL_BIN_D = /usr", separate},
-        {"MYSQL_BIN_D\n", "is skipped: it has no key and value: MYSQL_BIN_D", off},
-        {"MYSQL_BIN_D #\n", "is skipped: it has no key and value: MYSQL_BIN_D #", off},
-        {"MYSQL_BIN /usr\n", "has a key that is not known: MYSQL_BIN /usr", off},
-        {"_MAX_POSSIBLE_OXA_CONF_VAR_NAME x\n", "has a key that is not known: _MAX_POSSIBLE_OXA_CONF_VAR_NAME x", off},
+        {"MYSQL_BIN_D\n", none + "MYSQL_BIN_D", off},
+        {"MYSQL_BIN_D #\n", none + "MYSQL_BIN_D #", off},
+        {"MYSQL_BIN /usr\n", strange + "MYSQL_BIN /usr", off},
+        {"_MAX_POSSIBLE_OXA_CONF_VAR_NAME x\n", strange + "_MAX_POSSIBLE_OXA_CONF_VAR_NAME x", off},
         {"MYSQL_BIN_D \"/usr\"\n", "has quotes as part of its value: MYSQL_BIN_D \"/usr\"", "s/\"//g"},
-        {"MYSQL_BIN_D /usr \n", "has blanks, or another system's line end, as part of its value: MYSQL_BIN_D /usr ",
-         cut},
-        {"DUMP_D /tmp\r\n", "has blanks, or another system's line end, as part of its value: DUMP_D /tmp\\x0d", cut},
+        {"MYSQL_BIN_D /usr \n", blanks + "MYSQL_BIN_D /usr ", cut},
+        {"DUMP_D /tmp\r\n", blanks + "DUMP_D /tmp\\x0d", cut},
         {"DUMP_D /tmp  # c\n", "has blanks as part of its value: DUMP_D /tmp  # c", "s/[[:space:]]+#/ #/"},
-        {"DUMP_D /x # c\nDUMP_D /y\nDUMP_D /tmp\n", "has no effect: its key comes again: DUMP_D /x # c", off},
+        {"DUMP_D /x # c\nDUMP_D /y\nDUMP_D /tmp\n", again + "DUMP_D /x # c", off},
         {"DUMP_D /no/such\n", "names a path that does not exist: DUMP_D /no/such", off},
     };
     for (const auto& each : cases) {
@@ -130,8 +125,8 @@ TEST_F(CheckHost, FindsTheMistakesThatTheFileOfPathsHides)
                 + "' /etc/oxa/oxa.conf\n";
         };
         std::string expected = each.found.empty() ? "0" : line("1", each.found) + "2";
-        if (each.found.find("again") != std::string::npos)
-            expected.insert(expected.size() - 1, line("2", "has no effect: its key comes again: DUMP_D /y"));
+        if (each.found.find(again) == 0)
+            expected.insert(expected.size() - 1, line("2", again + "DUMP_D /y"));
         EXPECT_EQ(look_and_cure(), expected + "0") << each.text;
     }
     site_.shell("rm /etc/oxa/oxa.conf; mkdir /etc/oxa/oxa.conf");
@@ -140,10 +135,7 @@ TEST_F(CheckHost, FindsTheMistakesThatTheFileOfPathsHides)
 
 TEST_F(CheckHost, SeesWhatTheServerHasEnabled)
 {
-    const struct {
-        const char* harm;
-        const char* found;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"rm alias.load mime.load authz_core.load",
          "no mod_alias: redirects keep the server from starting    cure: a2enmod alias\n"
          "no mod_mime: CGI programs are sent out as source    cure: a2enmod mime\n"
@@ -163,9 +155,9 @@ TEST_F(CheckHost, SeesWhatTheServerHasEnabled)
          "IncludeOptional @/vhosts/system/vhost/conf/siteapp.d/*.conf\n2"},
     };
     site_.shell("cp -r apache saved");
-    for (const auto& each : cases) {
-        site_.shell(std::string("cd apache/mods-enabled\n") + each.harm);
-        EXPECT_EQ(look(), each.found);
+    for (const auto& [harm, found] : cases) {
+        site_.shell("cd apache/mods-enabled\n" + harm);
+        EXPECT_EQ(look(), found);
         site_.shell("rm -r apache; cp -r saved apache");
     }
     // The PHP of the search path is made the configured one.
