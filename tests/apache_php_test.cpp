@@ -2,23 +2,17 @@
 
 #include "tests/support/Apache.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <sstream>
-
 using namespace sandbox;
 
 namespace {
 
-constexpr char kPhp[] = "<php:handler><php:extension>php</php:extension></php:handler>";
-constexpr char kOff[] = "<php:handler><php:disabled/></php:handler>";
-constexpr char kWritable[] = "<php:permissions writable='true'/>";
+constexpr char kPhp[] = "<p:handler><p:extension>php</p:extension></p:handler>";
+constexpr char kOff[] = "<p:handler><p:disabled/></p:handler>";
+constexpr char kWritable[] = "<p:permissions writable='true'/>";
 
 std::string mapping(const std::string& url, const std::string& content)
 {
-    return "<mapping url='" + url + "'>" + content + "</mapping>";
+    return "<m '" + url + "'>" + content + "</m>";
 }
 
 /// What hosts say themselves about PHP, as -D asks for it.
@@ -63,8 +57,7 @@ protected:
     Words install(const Words& changes = {}) const
     {
         const Words more = {"--config-file-name=php.conf", "--configtest=sh " + site_.path("configtest")};
-        Words words = command(more);
-        return changed(words, changes);
+        return changed(command(more), changes);
     }
     void metadata(const std::string& mappings) const
     {
@@ -76,13 +69,16 @@ protected:
         return site_.path("system/vhost/conf/siteapp.d/" + name);
     }
     void put_program(const std::string& path) const { site_.put(path, "<?php echo 'ran', \"\\n\";"); }
-    /// @return whether it ran or was sent; else the status.
-    std::string outcome(const std::string& url) const
+    /// @return whether each ran or was sent; else the status.
+    std::string outcomes(const Words& paths) const
     {
-        const std::string answer = apache_.get(url);
-        return answer == "200 \nran\n"                       ? "ran "
-            : answer.find("<?php echo") != std::string::npos ? "sent "
-                                                             : answer.substr(0, 4);
+        std::string text;
+        for (const std::string& path : paths) {
+            const std::string answer = apache_.get("/" + path);
+            const bool sent = answer.find("<?php echo") != std::string::npos;
+            text += answer == "200 \nran\n" ? "ran " : sent ? "sent " : answer.substr(0, 4);
+        }
+        return text;
     }
 
     const Site site_;
@@ -93,92 +89,75 @@ TEST_F(ApachePhp, RunsWhereAMappingSaysSoAndNowhereElse)
 {
     // With no word of the host, with its handler for files, one within a condition, one by extension, one for the
     // location together with a permission, and where the host allows only requests of another kind.
-    const Tree expected = {
-        {"app/a.php", "ran ran ran ran ran 403 "},
-        {"app/a.php/info", "ran ran ran ran ran 403 "},
-        {"app/a.inc", "ran ran ran ran ran 403 "},
-        {"app/none.php", "404 404 404 404 404 403 "},
-        {"app/below/a.php", "ran ran ran ran ran 403 "},
-        {"app/data/a.php", "403 403 403 403 403 403 "},
-        {"app/data/a.php/info", "403 403 403 403 403 403 "},
-        {"app/data/a.inc", "403 403 403 403 403 403 "},
-        {"app/data/a.PHP", "403 403 403 403 403 403 "},
-        {"app/data/a.php.jpg", "403 403 403 403 403 403 "},
-        {"app/data/a.phtml", "403 403 403 403 403 403 "},
-        {"app/data/a.phar", "403 403 403 403 403 403 "},
-        {"app/data/a.php8", "403 403 403 403 403 403 "},
-        {"app/data/a.jpg", "sent sent sent sent sent 403 "},  // the permission's handler meets an engine that is off
-        {"app/data/mine/a.php", "403 403 403 403 403 403 "},  // with settings that the web server has written
-        {"app/data/mine/a.jpg", "sent sent sent sent sent 403 "},
-        {"app/data/kept/a.php", "403 403 403 403 403 403 "},  // not writable, but without a word of its own
-        {"app/data/on/a.php", "ran ran ran ran ran 403 "},
-        {"app/data/on/a.phtml", "403 403 403 403 403 403 "},  // outside, it is denied
-        {"app/data/on/below/a.php", "ran ran ran ran ran 403 "},
-        {"app/data/on/off/a.php", "403 403 403 403 403 403 "},
-        {"app/data/one.php", "ran ran ran ran ran 403 "},
-        {"app/data/two.php", "403 403 403 403 403 403 "},
-        {"app/off/a.php", "403 403 403 403 403 403 "},
-        {"app/off/a.txt", "sent sent sent sent sent 403 "},
-        {"app/lib/conf.php", "403 403 403 403 403 403 "},  // a file that the web server may write to
-        {"app/lib/conf.php5", "sent sent sent sent ran 403 "},
-        {"app/lib/a.php", "ran ran ran ran ran 403 "},
-        {".app.previous/a.txt", "403 403 403 403 403 403 "},
-        {".app.previous-2/a.php", "403 403 403 403 403 403 "},
-        {".app.next/data/a.php", "403 403 403 403 403 403 "},
-        {"app2/a.php", "sent ran ran ran ran sent "},
+    const std::pair<std::string, Words> groups[] = {
+        {"ran ran ran ran ran 403 ",
+         {"app/a.php", "app/a.php/info", "app/a.inc", "app/below/a.php", "app/data/on/a.php", "app/data/on/below/a.php",
+          "app/data/one.php", "app/lib/a.php"}},
+        {"403 403 403 403 403 403 ",
+         {"app/data/a.php", "app/data/a.php/info", "app/data/a.inc", "app/data/a.PHP", "app/data/a.php.jpg",
+          "app/data/a.phtml", "app/data/a.phar", "app/data/a.php8", "app/data/on/off/a.php", "app/data/two.php",
+          "app/off/a.php", ".app.previous/a.txt", ".app.previous-2/a.php", ".app.next/data/a.php",
+          "app/data/mine/a.php",           // with settings that the web server has written
+          "app/data/kept/a.php",           // not writable, but without a word of its own
+          "app/data/on/a.phtml",           // outside, it is denied
+          "app/lib/conf.php"}},            // a file that the web server may write to
+        {"sent sent sent sent sent 403 ",  // the permission's handler meets an engine that is off
+         {"app/data/a.jpg", "app/data/mine/a.jpg", "app/off/a.txt"}},
+        {"sent sent sent sent ran 403 ", {"app/lib/conf.php5"}},
+        {"404 404 404 404 404 403 ", {"app/none.php"}},
+        {"sent ran ran ran ran sent ", {"app2/a.php"}},
     };
     const std::string mine = "Require all granted\nSetHandler application/x-httpd-php\n";
-    for (const auto& [path, outcomes] : expected) {
-        if (path.find("info") == std::string::npos && path.find("none") == std::string::npos)
-            put_program(path);
+    Tree expected, seen;
+    for (const auto& [found, paths] : groups) {
+        for (const std::string& path : paths) {
+            expected[path] = found;
+            if (path.find("info") == std::string::npos && path.find("none") == std::string::npos)
+                put_program(path);
+        }
     }
     site_.put("app/data/mine/.htaccess", mine);
     site_.put(".app.next/data/.htaccess", "<If \"true\">\n" + mine + "</If>\n");
     site_.write("package/one.php", "");
     metadata(mapping("/",
-                     std::string("<php:handler><php:extension>php</php:extension><php:extension>inc</php:extension>"
-                                 "</php:handler>")
+                     std::string("<p:handler><p:extension>php</p:extension><p:extension>inc</p:extension>"
+                                 "</p:handler>")
                          + mapping("data",
-                                   kWritable + std::string(kPhp) + mapping("kept", "")
-                                       + "<mapping url='one.php' path='one.php'>" + kPhp + "</mapping>"
-                                       + mapping("on", kPhp + mapping("off", std::string(kPhp) + kOff)))
-                         + mapping("off", kOff) + "<mapping url='lib/conf.php' path='one.php'>" + kWritable
-                         + "</mapping>" + "<mapping url='go' virtual='redirect' href='/a b'/>"));
-    Tree seen;
+                                   kWritable + std::string(kPhp) + mapping("kept", "") + "<m 'one.php' path='one.php'>"
+                                       + kPhp + "</m>" + mapping("on", kPhp + mapping("off", std::string(kPhp) + kOff)))
+                         + mapping("off", kOff) + "<m 'lib/conf.php' path='one.php'>" + kWritable + "</m>"
+                         + "<m 'go' virtual='redirect' href='/a b'/>"));
     for (const char* host : {"", "-Dfiles", "-Dcondition", "-Dextension", "-Dlocation", "-Dprotected"}) {
         apache_.restart(host);
-        for (const auto& [path, outcomes] : expected)
-            seen[path] += outcome("/" + path);
+        for (const auto& [path, found] : expected)
+            seen[path] += outcomes({path});
     }
     EXPECT_EQ(seen, expected);
     // Without the module, programs are not sent.
     apache_.restart("-Dnophp");
-    EXPECT_EQ(outcome("/app/a.php") + outcome("/app/a.inc") + outcome("/app/data/on/a.php"), "403 403 403 ");
+    EXPECT_EQ(outcomes({"app/a.php", "app/a.inc", "app/data/on/a.php"}), "403 403 403 ");
 
     ASSERT_EQ(zendrelctl(install({"--run-in-writable"})).status, 0);
     apache_.restart("-Dfiles");
-    EXPECT_EQ(outcome("/app/data/a.php") + outcome("/app/data/a.inc") + outcome("/app/data/mine/a.jpg")
-                  + outcome("/app/off/a.php") + outcome("/app/data/on/off/a.php") + outcome("/app/lib/conf.php"),
+    EXPECT_EQ(outcomes({"app/data/a.php", "app/data/a.inc", "app/data/mine/a.jpg", "app/off/a.php",
+                        "app/data/on/off/a.php", "app/lib/conf.php"}),
               "ran ran ran 403 403 ran ");
 }
 
 TEST_F(ApachePhp, GivesPagesToProcessesOfTheirOwn)
 {
     const std::string socket = site_.path("php.sock");
-    for (const char* path : {"app/a.php", "app/a.inc", "app/data/a.php", "app/data/on/a.php", "app/off/a.php"})
+    const Words paths = {"app/a.php", "app/a.inc", "app/data/a.php", "app/data/on/a.php", "app/off/a.php"};
+    for (const std::string& path : paths)
         put_program(path);
     site_.metadata(mapping("/",
-                           std::string(kPhp) + "<php:handler><php:extension>inc</php:extension></php:handler>"
+                           std::string(kPhp) + "<p:handler><p:extension>inc</p:extension></p:handler>"
                                + mapping("data", kWritable + mapping("on", kPhp)) + mapping("off", kOff)));
     ASSERT_EQ(zendrelctl(install({"--php=fpm:" + socket})).status, 0);
-    const auto outcomes = [this] {
-        return outcome("/app/a.php") + outcome("/app/a.inc") + outcome("/app/none.php") + outcome("/app/data/a.php")
-            + outcome("/app/data/on/a.php") + outcome("/app/off/a.php");
-    };
     apache_.restart("-Dfiles");
-    EXPECT_EQ(outcomes(), "403 403 403 403 403 403 ");  // without the module
+    EXPECT_EQ(outcomes(paths), "403 403 403 403 403 ");  // without the module
     apache_.restart("-Dproxy -Dproxy_fcgi -Dcondition");
-    EXPECT_EQ(outcomes(), "503 503 404 403 503 403 ");  // with nobody at the socket
+    EXPECT_EQ(outcomes(paths), "503 503 403 503 403 ");  // with nobody at the socket
 
     site_.shell("cat >fpm.conf <<END\n[global]\nerror_log = $PWD/fpm.log\n[www]\nuser = www-data\ngroup = www-data\n"
                 "listen = $PWD/php.sock\nlisten.owner = www-data\npm = static\npm.max_children = 1\nEND");
@@ -186,10 +165,10 @@ TEST_F(ApachePhp, GivesPagesToProcessesOfTheirOwn)
     if (fpm == 0)
         _exit(
             execl("/bin/sh", "sh", "-c", ("exec /usr/sbin/php-fpm* -F -y " + site_.path("fpm.conf")).c_str(), nullptr));
-    while (outcome("/app/a.php") == "503 ")  // it does not listen yet
+    while (outcomes({"app/a.php"}) == "503 ")  // it does not listen yet
         ASSERT_EQ(waitpid(fpm, nullptr, WNOHANG), 0) << read(site_.path("fpm.log"));
     // As it is delivered, it runs no extension but its own.
-    EXPECT_EQ(outcomes(), "ran 403 404 403 ran 403 ");
+    EXPECT_EQ(outcomes(paths + Words {"app/none.php"}), "ran 403 403 ran 403 404 ");
     kill(fpm, SIGTERM);
     waitpid(fpm, nullptr, 0);
 }
@@ -206,69 +185,58 @@ TEST_F(ApachePhp, NoPackageStopsTheServerOrSpeaksForOthers)
             for (std::size_t at = 0; (at = name.find(character, at)) != std::string::npos; at += entity.size())
                 name.replace(at, 1, entity);
         }
-        const std::string on = "<php:handler><php:extension>" + name + "</php:extension></php:handler>";
+        const std::string on = "<p:handler><p:extension>" + name + "</p:extension></p:handler>";
         mappings += mapping(name, kOff + mapping("in", on));
     }
-    for (int i = 0; i < 1000; ++i)
-        mappings += "<php:handler><php:extension>" + std::string(200, '*') + std::to_string(i)
-            + "</php:extension></php:handler>";
+    mappings += numbered(1000, "<p:handler><p:extension>" + std::string(200, '*'), "</p:extension></p:handler>");
     for (const std::string& name : odd) {
         for (const std::string& path : {name, "x" + name, name + "/in"})
             put_program("app/" + path + "/a.php");
         put_program("app/" + name + "/in/a." + name);
     }
-    for (const char* plain : {"app/b/a.php", "app/yx/a.php"})
-        put_program(plain);
+    const Words plain = {"app/b/a.php", "app/yx/a.php"};
+    for (const std::string& path : plain)
+        put_program(path);
     metadata(mapping("/", mappings));
     apache_.restart("-Dfiles");
-    EXPECT_EQ(outcome("/app/b/a.php") + outcome("/app/yx/a.php"), "ran ran ");
+    EXPECT_EQ(outcomes(plain), "ran ran ");
     for (const std::string& name : odd) {
-        const std::string url = "/app/" + encoded(name);
-        const bool can_end_a_name = name.find('/') == std::string::npos;
-        EXPECT_EQ(outcome(url + "/a.php") + outcome("/app/x" + encoded(name) + "/a.php") + outcome(url + "/in/a.php")
-                      + (can_end_a_name ? outcome(url + "/in/a." + encoded(name)) : "ran "),
-                  "403 ran 403 ran ")
-            << name;
+        const std::string url = "app/" + encoded(name);
+        Words paths = {url + "/a.php", "app/x" + encoded(name) + "/a.php", url + "/in/a.php"};
+        if (name.find('/') == std::string::npos)  // else no name ends so
+            paths.push_back(url + "/in/a." + encoded(name));
+        EXPECT_EQ(outcomes(paths), paths.size() == 4 ? "403 ran 403 ran " : "403 ran 403 ") << name;
     }
 }
 
 TEST_F(ApachePhp, RefusesWhatCannotBeSaidSafely)
 {
     const std::string before = (metadata(mapping("/", kOff)), read(file()));
-    std::string many;
-    for (int i = 0; i < 100; ++i)
-        many += mapping("in" + std::string(100, 'x') + std::to_string(i), kPhp);
+    const std::string many = numbered(100, "<m '" + std::string(100, 'x'), "'>" + (kPhp + std::string("</m>")));
+    const std::string variable = "<p:handler><p:extension>${a}</p:extension></p:handler>";
     const struct {
         const char* why;
-        std::string mappings;
-        Words changes;
-        std::string message;
+        std::string mappings, message;
+        Words changes = {};
     } cases[] = {
-        {"a line of its own", mapping("a&#10;b", ""), {}, "<s:mapping> has a control character in its url."},
-        {"root's environment", mapping("${a}", ""), {}, "<s:mapping> has a variable in its url."},
-        {"the same",
-         "<php:handler><php:extension>${a}</php:extension></php:handler>",
-         {},
-         "<php:extension> has a variable."},
-        {"another application", mapping("../b", ""), {}, ""},
-        {"a document root of more lines", "", {"--www-root=/a\nb"}, "--www-root has a control character."},
-        {"a condition that the server does not take",
-         kOff + many,
-         {},
+        {"a line of its own", mapping("a&#10;b", ""), "<s:mapping> has a control character in its url."},
+        {"root's environment", mapping("${a}", ""), "<s:mapping> has a variable in its url."},
+        {"the same", variable, "<php:extension> has a variable."},
+        {"another application", mapping("../b", ""), ""},
+        {"a document root of more lines", "", "--www-root has a control character.", {"--www-root=/a\nb"}},
+        {"a condition that the server does not take", kOff + many,
          "too many mappings with PHP are nested in one without: " + site_.docroot("app")},
-        {"a path that no section takes",
-         mapping(std::string(4096, 'x'), kOff),
-         {},
+        {"a path that no section takes", mapping(std::string(4096, 'x'), kOff),
          "a mapping's directory has too long a path: "},
-        {"no way to run PHP", "", {"--php=cgi"}, "--php is neither mod nor fpm:SOCKET: cgi"},
+        {"no way to run PHP", "", "--php is neither mod nor fpm:SOCKET: cgi", {"--php=cgi"}},
         {"a socket with a mark of the server's",
          "",
-         {"--php=fpm:/a|b"},
-         "--php names no absolute path without \", \\\\, | and %: /a|b"},
-        {"a place outside", "", {"--config-file-name=../../../x"}, ""},
+         "--php names no absolute path without \", \\\\, | and %: /a|b",
+         {"--php=fpm:/a|b"}},
+        {"a place outside", "", "", {"--config-file-name=../../../x"}},
     };
     for (const auto& each : cases) {
-        site_.metadata("<mapping url='/'>" + each.mappings + "</mapping>");
+        site_.metadata("<m '/'>" + each.mappings + "</m>");
         const Result result = zendrelctl(install(each.changes));
         EXPECT_EQ(result.status, 1) << each.why;
         EXPECT_EQ(result.err.find("zendrelctl: " + each.message), 0u) << each.why << result;
