@@ -15,13 +15,6 @@ protected:
     ApacheConfig() { site_.shell("mkdir -p system/vhost/conf; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf"); }
     ~ApacheConfig() override { site_.shell("rm /etc/oxa/oxa.conf"); }
 
-    int check(const std::string& options) const { return apache_.check(options); }
-    void restart(const std::string& options) { apache_.restart(options); }
-    std::string get(const std::string& path, const std::string& data = "--get") const
-    {
-        return apache_.get(path, data);
-    }
-
     const Site site_;
     Apache apache_ {
         site_,
@@ -55,43 +48,43 @@ TEST_F(ApacheConfig, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
                     path.find(".php") == std::string::npos ? program + "echo r'a'n\n" : "<?php echo 'ran', \"\\n\";");
     ASSERT_EQ(zendrel(site_.extract()), says(0, ""));
     site_.shell(kInstall);
-    EXPECT_NE(check("-Dcgi"), 0);  // the redirection's module is missing
-    EXPECT_EQ(check("-Dalias -Dplain"), 0);
+    EXPECT_NE(apache_.check("-Dcgi"), 0);  // the redirection's module is missing
+    EXPECT_EQ(apache_.check("-Dalias -Dplain"), 0);
     Tree seen;
     for (const char* options :
          {"-Dalias", "-Dalias -Dcgid", "-Dalias -Dcgi -Dhandler", "-Dalias -Dcgi", "-Dalias -Dcgi -Dhandler -Dsafe"}) {
-        restart(options);
+        apache_.restart(options);
         for (const auto& [path, outcomes] : expected) {
-            const std::string answer = get(path), source = "200 \n" + read(site_.docroot(path));
+            const std::string answer = apache_.get(path), source = "200 \n" + read(site_.docroot(path));
             seen[path] += answer == source ? "sent " : answer == "200 \nran\n" ? "ran " : answer.substr(0, 4);
         }
     }
     EXPECT_EQ(seen, expected);
 
-    EXPECT_EQ(get("/home").find("301 http://www.example.com/guestbook\n"), 0u);
-    EXPECT_EQ(get("/cgi-bin/guestbook.pl", "-dname=Ann&message=hello+there").substr(0, 4), "303 ");
-    EXPECT_NE(get("/cgi-bin/guestbook.pl").find("hello there"), std::string::npos);
+    EXPECT_EQ(apache_.get("/home").find("301 http://www.example.com/guestbook\n"), 0u);
+    EXPECT_EQ(apache_.get("/cgi-bin/guestbook.pl", "-dname=Ann&message=hello+there").substr(0, 4), "303 ");
+    EXPECT_NE(apache_.get("/cgi-bin/guestbook.pl").find("hello there"), std::string::npos);
     // The web server may write into the writable mapping and not into the one nested in it.
     site_.put("cgi-bin/probe.pl",
               program + "cd ../data; for f in x templates/x templates/page.html; do true >>$f && echo $f; done", 0755);
-    EXPECT_EQ(get("/cgi-bin/probe.pl"), "200 \nx\n");
+    EXPECT_EQ(apache_.get("/cgi-bin/probe.pl"), "200 \nx\n");
 
     site_.shell(ZENDREL_PROGRAM " --remove-apache-conf --vhost-path=vhost --www-root= --config-file-name=app.conf");
     const std::string list = site_.list({"index.html", "cgi-bin/guestbook.pl", "docs/index.html"});
     ASSERT_EQ(zendrel(site_.remove(), list), says(0, ""));
-    EXPECT_EQ(get("/home").substr(0, 4), "301 ");  // it has not read its configuration again
-    restart("-Dalias -Dcgi");
+    EXPECT_EQ(apache_.get("/home").substr(0, 4), "301 ");  // it has not read its configuration again
+    apache_.restart("-Dalias -Dcgi");
     for (const char* path : {"/", "/cgi-bin/guestbook.pl", "/docs/index.html", "/home"})
-        EXPECT_EQ(get(path).substr(0, 4), "404 ") << path;
-    EXPECT_NE(check("-Dplain"), 0);
+        EXPECT_EQ(apache_.get(path).substr(0, 4), "404 ") << path;
+    EXPECT_NE(apache_.check("-Dplain"), 0);
     // The server does not start with a blank in a redirection's target, one word too many, nor where two backslashes
     // and an open quote draw the beginning of a section into it: the section's end stays. Nor with a
     // target that is neither a URL nor a path.
-    const std::string section = "<mapping url='x'><cgi:handler><cgi:disabled/></cgi:handler></mapping>";
+    const std::string section = "<m 'x'><c:handler><c:disabled/></c:handler></m>";
     for (const std::string target : {"/a b", "\"/b\\\\", "b/c"}) {
-        site_.metadata(section + "<mapping url='old' virtual='redirect' href='" + target + "'/>");
+        site_.metadata(section + "<m 'old' virtual='redirect' href='" + target + "'/>");
         site_.shell(kInstall);
-        EXPECT_NE(check("-Dalias"), 0) << target;
+        EXPECT_NE(apache_.check("-Dalias"), 0) << target;
     }
 }
 
@@ -104,42 +97,39 @@ TEST_F(ApacheConfig, TakesPicturesIntoTheAlbumWholeAndUnderNamesThatNothingRuns)
     site_.shell("echo iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR4nGNgYGBgAAAABQABh6FO1AAAAABJRU5ErkJggg=="
                 " | base64 -d >evil.php; echo '<?php echo \"ran\";' >>evil.php; echo '<?php' >no.png\n"
                 "{ cat evil.php; head -c 2100000 /dev/zero; } >large.png");
-    restart("-Dalias -Dcgi -Dhandler -Dsafe");
+    apache_.restart("-Dalias -Dcgi -Dhandler -Dsafe");
     const auto upload = [&](const std::string& file) {
-        return get("/index.php", "-Fpicture=@" + site_.path(file)).substr(0, 4);
+        return apache_.get("/index.php", "-Fpicture=@" + site_.path(file)).substr(0, 4);
     };
     for (const auto& [file, status] : Tree {{"no.png", "415 "}, {"large.png", "413 "}, {"httpd.conf", "415 "}})
         EXPECT_EQ(upload(file), status) << file;
-    EXPECT_EQ(get("/index.php", "-dpicture=x").substr(0, 4), "400 ");
+    EXPECT_EQ(apache_.get("/index.php", "-dpicture=x").substr(0, 4), "400 ");
     EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 1u);  // as installed
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(upload("evil.php"), "303 ");
     Words names;
-    const std::string page = get("/index.php");
+    const std::string page = apache_.get("/index.php");
     for (std::size_t at = 0; (at = page.find("src=\"", at)) != std::string::npos; ++at)
         names.push_back(page.substr(at + 5, page.find('"', at + 5) - at - 5));
     ASSERT_EQ(names.size(), 2u) << page;
     EXPECT_NE(names[0], names[1]);
     for (const std::string& name : names) {
         EXPECT_EQ(name.substr(name.size() - 4), ".png");
-        EXPECT_EQ(get("/" + name), "200 \n" + read(site_.path("evil.php")));
+        EXPECT_EQ(apache_.get("/" + name), "200 \n" + read(site_.path("evil.php")));
         EXPECT_EQ(mode_of(site_.docroot(name)), 0644u);
     }
     EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 3u);
 
-    const auto script = [this](const std::string& action, const std::string& more) {
-        const Words words = {"--run-application-script", "--application-full-name=file:///" + site_.path("package"),
-                             "--script-name=" + action,  "--user-name=alice",
-                             "--script-file-name=",      "--script-language=",
-                             "--php-cli=/usr/bin/php",   "--additional-script-params=--data=" + site_.docroot("data")};
-        Words all = words;
-        if (!more.empty())
-            all.push_back("--additional-script-params=" + more);
-        return zendrel(all);
+    const auto script = [this](const Words& more) {
+        return zendrel(Words {"--run-application-script", site_.extract()[1], "--user-name=alice",
+                              "--script-file-name=", "--script-language=", "--php-cli=/usr/bin/php",
+                              "--additional-script-params=--data=" + site_.docroot("data")}
+                       + more);
     };
-    EXPECT_EQ(script("upgrade", "").out, "upgrade: pictures kept: 2\n");
-    EXPECT_EQ(script("remove", "").status, 3);
-    EXPECT_EQ(script("remove", "--force").out, "remove: removed pictures: 2\n");
+    EXPECT_EQ(script({"--script-name=upgrade"}).out, "upgrade: pictures kept: 2\n");
+    EXPECT_EQ(script({"--script-name=remove"}).status, 3);
+    EXPECT_EQ(script({"--script-name=remove", "--additional-script-params=--force"}).out,
+              "remove: removed pictures: 2\n");
     EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 1u);
 }
 
