@@ -249,7 +249,7 @@ sub check_statuses {
 sub check_keys {
     my $code = join '', map { read_file($_) } glob 'app/*.cpp ctl/*.cpp';
     my @used = $code =~ /oxaConfGetDefault(?:ByIndex)?\("?(?:OXA_)?([A-Z_]+)"?\)/g;
-    my %default = read_file('tests/golden/defaults.txt') =~ /^(\S+) (\S+)$/mg;
+    my %default = read_file('share/oxa.conf') =~ /^#([A-Z]\S+) (\S+)$/mg;
     my %told = $page{'oxa.conf.5'} =~ /^\.It Ev (\w+) Pq Pa (\S+)/mg;
     same('keys', [map { "$_ $told{$_}" } keys %told], [map { "$_ $default{$_}" } @used]);
 }

@@ -3,7 +3,6 @@
 #include "tests/support/Sandbox.h"
 
 #include <cstdio>
-#include <fstream>
 
 using namespace sandbox;
 using namespace std::string_literals;
@@ -75,10 +74,13 @@ TEST(ConfTable, GrowsAndFindsNamesSortedOrNot)
 TEST(OxaConf, HasADefaultForEveryKey)
 {
     std::remove(kFile);
-    std::string text;
-    for (int index = 0; index < OXA_CONF_KEYS; ++index)
-        text += std::string(theOxaConfNames[index]) + " " + oxaConfGetDefaultByIndex(index) + "\n";
-    EXPECT_EQ(text, read(ZENDREL_SOURCE_DIR "/tests/golden/defaults.txt"));
+    // The sample shows each, commented out; the first and the last are there for the bounds.
+    Words defaults;
+    for (int index = 1; index < OXA_CONF_KEYS - 1; ++index)
+        defaults.push_back(theOxaConfNames[index] + std::string(" ") + oxaConfGetDefaultByIndex(index) + "\n");
+    std::sort(defaults.begin(), defaults.end());
+    const char* const shown = "sed -n 's/^#\\([A-Z]\\)/\\1/p' " ZENDREL_SOURCE_DIR "/share/oxa.conf | LC_ALL=C sort";
+    EXPECT_EQ(boost::join(defaults, ""), run({"sh", "-c", shown}).out);
 }
 
 TEST(OxaConf, TriesAgainUntilTheFileIsThereAndThenKeepsIt)
