@@ -7,6 +7,8 @@ use warnings;
 chdir $ARGV[0] or die "$ARGV[0]: $!\n";
 my $failures = 0;
 
+sub fail { print "FAILED: @_\n"; $failures++ }
+
 sub text_of { # without blocks and code, in which nothing is a link or a heading
     my ($path) = @_;
     open my $in, '<', $path or die "$path: $!\n";
@@ -36,8 +38,7 @@ for my $document (glob '*.md docs/*.md') {
         my $problem = !-e $path ? 'leads nowhere'
             : defined $anchor && !anchors_of($path)->{$anchor} ? 'has no such heading'
             : next;
-        print "FAILED: $document: $link $problem\n";
-        $failures++;
+        fail("$document: $link $problem");
     }
 }
 my ($map) = text_of('docs/architecture.md') =~ /^## Source map\n(.*)/ms;
@@ -51,12 +52,10 @@ for my $cell ($map =~ /^\| (.*?) \|/mg) {
 }
 $there{s/\..*//r} = 1 for map { glob "$_/*.cpp $_/*.h $_/*.in" } qw(app clib common ctl sys);
 for my $name (sort keys %{{%mapped, %there}}) {
-    next if $name eq 'File' || $mapped{$name} && $there{$name};
-    print "FAILED: $name is ", $there{$name} ? 'not in the source map' : 'in the source map only', "\n";
-    $failures++;
+    fail($name, $there{$name} ? 'is not in the source map' : 'is in the source map only')
+        if $name ne 'File' && !($mapped{$name} && $there{$name});
 }
-
 open my $readme, '<', 'README.md' or die "README.md: $!\n";
 my $lines = () = <$readme>;
-$failures++, print "FAILED: README.md has $lines lines, more than 200\n" if $lines > 200;
+fail("README.md has $lines lines, more than 200") if $lines > 200;
 exit($failures == 0 ? 0 : 1);

@@ -14,17 +14,17 @@ use Time::HiRes qw(sleep);
 sub read_blocks { # of a document, or of one of its sections
     my ($path, $heading) = split /#/, $_[0], 2;
     open my $in, '<', $path or die "$path: $!\n";
-    my ($inside, $here, @blocks) = (0, !defined $heading);
+    my ($block, $here, @blocks) = (undef, !defined $heading);
     while (my $line = <$in>) {
-        $here = $1 eq $heading if defined $heading && !$inside && $line =~ /^##+ (.*)$/;
-        if (!$inside && $line =~ /^```(\w*)$/) {
-            $inside = 1;
-            push @blocks, {place => "$path:" . ($. + 1), lines => []} if $here && $1 eq 'console';
-            $inside = 2 if !($here && $1 eq 'console');
-        } elsif ($line =~ /^```$/) {
-            $inside = 0;
-        } elsif ($inside == 1) {
-            push @{$blocks[-1]{lines}}, $line;
+        if (defined $block && $line =~ /^```$/) {
+            $block = undef;
+        } elsif (defined $block) {
+            push @{$block->{lines}}, $line;
+        } elsif ($line =~ /^```(\w*)$/) {
+            $block = {place => "$path:" . ($. + 1), lines => []};
+            push @blocks, $block if $here && $1 eq 'console';
+        } elsif (defined $heading && $line =~ /^##+ (.*)$/) {
+            $here = $1 eq $heading;
         }
     }
     die "$_[0]: no console blocks\n" if !@blocks;
@@ -32,13 +32,11 @@ sub read_blocks { # of a document, or of one of its sections
 }
 
 sub commands { # of a block, each with what it prints
-    my ($block) = @_;
-    my @lines = @{$block->{lines}};
+    my ($place, @lines) = ($_[0]{place}, @{$_[0]{lines}});
     my @commands;
-    while (@lines) {
-        my $line = shift @lines;
+    while (defined(my $line = shift @lines)) {
         if ($line !~ s/^# //) {
-            die "$block->{place}: output before the first command\n" if !@commands;
+            die "$place: output before the first command\n" if !@commands;
             $commands[-1]{shown} .= $line;
             next;
         }
@@ -46,7 +44,7 @@ sub commands { # of a block, each with what it prints
         if (my ($end) = $line =~ /<<-?'?(\w+)'?/) {
             $line .= shift @lines while @lines && $line !~ /^\Q$end\E\n\z/m;
         }
-        push @commands, {place => $block->{place}, text => $line, shown => ''};
+        push @commands, {place => $place, text => $line, shown => ''};
     }
     return @commands;
 }
@@ -74,8 +72,7 @@ sub run { # in the shell; its output and status
     my ($text) = @_;
     local $/ = "\0";
     print $to "$text\0";
-    my $output = <$from> // die "the shell has ended\n";
-    my $status = <$from> // die "the shell has ended\n";
+    my ($output, $status) = map { scalar <$from> // die "the shell has ended\n" } 1 .. 2;
     chop($output, $status);
     $output =~ s/[ \t]+$//mg;  # documents have none there
     return ($output, $status);

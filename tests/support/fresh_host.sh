@@ -31,19 +31,13 @@ make_private() {
     for dir in /srv /home /usr/share/doc; do
         cover "$dir"
     done
-    mkdir -p "$host/var" "$host/var/log" "$host/var/www" "$host/run/lock"
+    mkdir -p "$host/var/log" "$host/var/www" "$host/run/lock"
     for entry in /var/*; do # a directory that is not there cannot be covered
-        case $entry in
-            /var/log | /var/www) ;;
-            *)
-                if [ -L "$entry" ]; then
-                    cp -P "$entry" "$host/var"
-                elif [ -d "$entry" ]; then
-                    mkdir "$host$entry"
-                    mount --rbind "$entry" "$host$entry"
-                fi
-                ;;
-        esac
+        if [ -L "$entry" ]; then
+            cp -P "$entry" "$host/var"
+        elif [ -d "$entry" ] && mkdir "$host$entry" 2>/dev/null; then
+            mount --rbind "$entry" "$host$entry"
+        fi
     done
     mount --rbind "$host/var" /var
     mount --bind "$host/run" /run
@@ -87,16 +81,15 @@ for file in passwd group; do # zendrel's have the two groups
         >"$SANDBOX_DIR/$file"
     cat "$SANDBOX_DIR/$file" >"/etc/$file"
 done
-mkdir -p /var/www/vhosts/system
-mkdir -p /var/lib/zendrel
-chmod 0700 /var/lib/zendrel
 rm -rf /etc/oxa
 mkdir -p /etc/apache2/mods-available "$SANDBOX_DIR/etc"
 cp -a /etc/apache2/mods-available "$SANDBOX_DIR/etc"
 rm -rf /etc/apache2
 cp -a "$apache/etc/apache2" /etc
 cp -a "$SANDBOX_DIR/etc/mods-available/." /etc/apache2/mods-available # PHP's
-mkdir -p /var/www/html /var/log/apache2 /var/lib/apache2 /run/apache2 /usr/share/doc/zendrel/examples
+mkdir -p /var/www/vhosts/system /var/www/html /var/log/apache2 /var/lib/apache2 /run/apache2 \
+    /usr/share/doc/zendrel/examples /var/lib/zendrel
+chmod 0700 /var/lib/zendrel
 cp -R "$source/examples/packages" /usr/share/doc/zendrel/examples
 
 cp -a "$apache/usr/sbin" "$SANDBOX_DIR/bin" # where a2enmod looks for apache2ctl there is none
@@ -141,11 +134,10 @@ a2ensite -q 000-default >/dev/null
 cd "$source"
 if unshare --net true 2>/dev/null; then # so that nobody else listens at port 80
     # shellcheck disable=SC2016 # Perl's and the inner shell's
-    loopback_up='use Socket; my $request = pack("a16 s x14", "lo", 1);
-        my $any;
-        socket($any, AF_INET, SOCK_DGRAM, 0) && ioctl($any, 0x8914, $request) or die "lo: $!\n"'
-    # shellcheck disable=SC2016
-    unshare --net sh -c 'perl -e "$1"; shift; exec "$@"' sh "$loopback_up" "$@"
+    unshare --net sh -c 'perl -e "$0" && exec "$@"' '
+        use Socket; # the loopback interface is down at first
+        socket(ANY, AF_INET, SOCK_DGRAM, 0) && ioctl(ANY, 0x8914, my $up = pack("a16 s x14", "lo", 1))
+            or die "lo: $!\n"' "$@"
 else
     "$@"
 fi
