@@ -22,40 +22,29 @@ END {
     $? = $status;
 }
 
-sub free_port {
+sub serve { # PATH COMMAND...: starts it at a free port; its address when that path is answered there
+    my ($path, @command) = @_;
     my $socket = IO::Socket::INET->new(Listen => 1, LocalAddr => '127.0.0.1') or die "no port: $!\n";
-    return $socket->sockport;
-}
-
-sub start { # LOG COMMAND...
-    my ($log, @command) = @_;
-    my $child = fork // die "fork: $!\n";
+    my $port = $socket->sockport;
+    close $socket;
+    my ($address, $log, $child) = ("http://127.0.0.1:$port", "$home/$port.log", fork // die "fork: $!\n");
     if ($child == 0) {
         @children = ();
-        open STDOUT, '>>', $log or die "$log: $!\n";
+        open STDOUT, '>', $log or die "$log: $!\n";
         open STDERR, '>&', \*STDOUT;
-        exec @command;
+        exec @command, "--port=$port";
     }
     push @children, $child;
-    return $child;
-}
-
-sub wait_for { # URL CHILD LOG
-    my ($url, $child, $log) = @_;
     for (1 .. 3000) {
-        return if $http->get($url)->{success};
+        return $address if $http->get("$address$path")->{success};
         last if waitpid($child, 1) != 0;  # WNOHANG
         sleep 0.2;
     }
-    die "$url does not answer:\n" . `tail -n 20 $log`;
+    die "$command[0] does not answer:\n" . `tail -n 20 $log`;
 }
 
-my $site = 'http://127.0.0.1:' . free_port();
-my ($port) = $site =~ /(\d+)$/;
-wait_for("$site/", start("$home/demo.log", './demo.sh', '--serve', "--port=$port"), "$home/demo.log");
-my $driver = 'http://127.0.0.1:' . free_port();
-($port) = $driver =~ /(\d+)$/;
-wait_for("$driver/status", start("$home/driver.log", 'chromedriver', "--port=$port"), "$home/driver.log");
+my $site = serve('/', './demo.sh', '--serve');
+my $driver = serve('/status', 'chromedriver');
 
 sub ask { # METHOD PATH [BODY]: what the browser answers
     my ($method, $path, $body) = @_;
@@ -68,14 +57,15 @@ sub ask { # METHOD PATH [BODY]: what the browser answers
 my %chrome = (args => ['--headless', '--no-sandbox', '--disable-gpu', "--user-data-dir=$home/profile"]);
 my $session = '/' . ask(POST => '', {capabilities => {alwaysMatch => {'goog:chromeOptions' => \%chrome}}})->{sessionId};
 
-sub find { # HOW WHAT: an element, for which a page gets time to load
-    my ($how, $what) = @_;
-    return (values %{ask(POST => "$session/element", {using => $how, value => $what})})[0];
+sub element { # HOW WHAT METHOD ACTION [BODY]: of one for which a page gets time to load
+    my ($how, $what, $method, $action, $body) = @_;
+    my ($id) = values %{ask(POST => "$session/element", {using => $how, value => $what})};
+    return ask($method => "$session/element/$id/$action", $body);
 }
-sub text_of  { ask(GET  => "$session/element/" . find('css selector', $_[0]) . '/text') }
-sub click    { ask(POST => "$session/element/" . find(@_) . '/click', {dummy => 1}) }
-sub type_in  { ask(POST => "$session/element/" . find('css selector', $_[0]) . '/value', {text => $_[1]}) }
-sub expect   { my ($got, $wanted, $what) = @_; $got =~ $wanted or die "$what: $got\n"; print "$what\n" }
+sub text_of { element('css selector', $_[0], GET => 'text') }
+sub type_in { element('css selector', $_[0], POST => 'value', {text => $_[1]}) }
+sub click   { element(@_, POST => 'click', {dummy => 1}) }
+sub expect  { my ($got, $wanted, $what) = @_; $got =~ $wanted or die "$what: $got\n"; print "$what\n" }
 
 ask(POST => "$session/timeouts", {implicit => 10_000});
 ask(POST => "$session/url", {url => "$site/"});
