@@ -6,14 +6,8 @@
 
 #include <boost/filesystem.hpp>
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <fstream>
 #include <functional>
 #include <iostream>
 
@@ -36,15 +30,25 @@ TEArgs letters(std::size_t count)
     return args;
 }
 
-template <class Body>
-std::string error_of(Body body)
+/// @return what `body` throws of a type.
+template <class Error, class Body>
+Error thrown(Body body)
 {
     try {
         body();
-        return "";
-    } catch (const std::exception& e) {
-        return e.what();
+    } catch (const Error& e) {
+        return e;
     }
+    throw std::logic_error("nothing was thrown");
+}
+
+template <class Body>
+std::string error_of(Body body)
+try {
+    body();
+    return "";
+} catch (const std::exception& e) {
+    return e.what();
 }
 
 template <std::size_t... Number>
@@ -75,17 +79,8 @@ TEST(TEArgs, HoldsAHundredStringsAndSaysWhyNotMore)
     EXPECT_EQ(error_of([&] { static_cast<void>(args[3'000'000'000]); }), "Wrong index (index = 3000000000)");
     EXPECT_EQ(error_of([] { TExec(el).execute(); }), "Bad execute arguments");
     EXPECT_EQ(listed(std::make_index_sequence<100>()).size(), 100U);
-    try {
-        listed(std::make_index_sequence<101>());
-        FAIL();
-    } catch (const TEArgs::TOverflow& e) {
-        EXPECT_EQ(e.args().size(), 0U);
-    }
-    try {
-        static_cast<void>(args[91]);
-    } catch (const TEArgs::TOutOfRange& e) {
-        EXPECT_EQ(e.args().size(), 90U);
-    }
+    EXPECT_EQ(thrown<TEArgs::TOverflow>([] { listed(std::make_index_sequence<101>()); }).args().size(), 0U);
+    EXPECT_EQ(thrown<TEArgs::TOutOfRange>([&] { static_cast<void>(args[91]); }).args().size(), 90U);
 }
 
 TEST(TEArgs, CopiesStayAsTheyWere)
@@ -130,13 +125,11 @@ TEST(TExec, ReturnsTheChildAndItsExitCode)
                   std::cout << "once " << (TExec({"true"}) * exit_without_program() & ~path_mode).execute().exit_code;
                   std::cout << error_of([] { _exit((sh("") ^ path_mode).execute().exit_code); });  // told by the child
               }),
-              (Result {0, "once 127No such file or directory", "", 0}));
-    try {
-        ((sh("exit 9") ^ path_mode ^ fork_mode) * exit_without_program()).execute();  // if found, in place of the test
-        FAIL();
-    } catch (const TSysCallErr& e) {
-        EXPECT_EQ(e.what() + xtos(unsigned(e.errorNumber())), "No such file or directory2");
-    }
+              prints("once 127No such file or directory"));
+    const TSysCallErr error = thrown<TSysCallErr>([] {  // if it were found, the test would end with 9
+        ((sh("exit 9") ^ path_mode ^ fork_mode) * exit_without_program()).execute();
+    });
+    EXPECT_EQ(error.what() + xtos(unsigned(error.errorNumber())), "No such file or directory2");
     const pid_t invalid = std::numeric_limits<pid_t>::min();
     EXPECT_EQ(error_of([&] { wait_process(invalid); }), "waitpid() failed: No such process");
 }
@@ -198,7 +191,7 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
     const std::string no_fork = bef_fork + "fork_failed1 fork_failed2 ", exec = "bef_exec1 bef_exec2 ";
     const std::string child = "aft_fork4d1 aft_fork4d2 " + exec, no_exec = "exec_failed1 exec_failed2 ";
     const TExec missing = sh("") ^ path_mode;
-    static const std::tuple<const char*, TExec, bool, bool, std::string, std::string> cases[] = {
+    const std::tuple<const char*, TExec, bool, bool, std::string, std::string> cases[] = {
         {"a normal run", sh("exit 5"), true, true, parent + "exit 5 ", child},
         {"exec fails", missing, true, true, parent + "exit 9 ", child + no_exec + "No such file or directory "},
         {"exec fails, no error", missing, true, false, parent + "exit 9 ", child + no_exec + "not started "},
@@ -207,10 +200,10 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
         {"no fork", sh("echo replaced; exit 9") ^ fork_mode, true, true, "run " + exec + "replaced\n", ""},
         {"no fork, no error", missing ^ fork_mode, true, false, "run " + exec + no_exec + "not started ", ""},
     };
-    static const auto* current = cases;
-    for (current = cases; current != std::end(cases); ++current) {
-        const auto& [why, program, may_fork, second_is_error, out, err] = *current;
-        const auto body = [] { run_told(std::get<1>(*current), std::get<2>(*current), std::get<3>(*current)); };
+    for (const auto& [why, program, may_fork, second_is_error, out, err] : cases) {
+        const auto body = [&program = program, may_fork = may_fork, second = second_is_error] {
+            run_told(program, may_fork, second);
+        };
         EXPECT_EQ(in_child(body), (Result {9, out, err, 0})) << why;
     }
 #ifndef ZENDREL_SANITIZED  // the leak check, too, has to start something
@@ -222,7 +215,7 @@ TEST(TPrepare, HooksRunInOrderInTheirProcessAndTheLastDecides)
                   TExecsList((sh("") * make_prepare<Resigned>()) & ~wait_mode).execute(unwaited);
                   std::cout << unwaited.size();
               }),
-              (Result {0, "Resource temporarily unavailable0", "", 0}));
+              prints("Resource temporarily unavailable0"));
 #endif
     TExec emptied = std::get<TExec>(cases[2]) * Handle<TExec::TPrepare>();
     emptied += emptied.prepare();
