@@ -3,18 +3,13 @@
 #include "common/ExSystemError.h"
 #include "tests/support/Sandbox.h"
 
-#include <fcntl.h>
 #include <linux/keyctl.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <iostream>
-#include <tuple>
 
 using namespace sandbox;
 
@@ -32,13 +27,10 @@ protected:
     Result run_script(const Words& changes = {}, const std::string& redirections = "", const Words& wrapper = {}) const
     {
         const std::string name = "--application-full-name=file:///" + site_.path("package");
-        Words words = changed({"--run-application-script", name, "--script-name=install", "--user-name=alice",
-                               "--script-file-name=?", "--script-language=?", "--php-cli=/usr/bin/php"},
-                              changes);
-        words.insert(words.begin(), ZENDREL_PROGRAM);
-        words.insert(words.begin(), wrapper.begin(), wrapper.end());
-        words.insert(words.begin(), {"sh", "-c", "exec \"$@\" " + redirections, "sh"});
-        return run(words);
+        const Words words = changed({"--run-application-script", name, "--script-name=install", "--user-name=alice",
+                                     "--script-file-name=?", "--script-language=?", "--php-cli=/usr/bin/php"},
+                                    changes);
+        return run(Words {"sh", "-c", "exec \"$@\" " + redirections, "sh"} + wrapper + Words {ZENDREL_PROGRAM} + words);
     }
 
     const Site site_;
@@ -133,7 +125,7 @@ TEST_F(RunScript, TheScriptStartsWithTheCallersSignals)
     EXPECT_EQ(ended.status, 255);
     EXPECT_EQ(ended.out.substr(0, ended.out.find("waitpid")), "SigIgn:\t0000000000000000\n");
     EXPECT_EQ(run_script({}, "", {"env", "--default-signal", "--ignore-signal=PIPE", "--ignore-signal=XFSZ"}),
-              (Result {0, "SigIgn:\t0000000001001000\nsurvived\n", "", 0}));
+              prints("SigIgn:\t0000000001001000\nsurvived\n"));
 }
 
 TEST_F(RunScript, TheScriptHasTheCallersProcessGroupButNotItsTerminalAndKeys)
@@ -147,37 +139,32 @@ TEST_F(RunScript, TheScriptHasTheCallersProcessGroupButNotItsTerminalAndKeys)
     const std::string none = "1 none No such device or address mute", old = keyring > 0 ? " old" : "";
     if (keyring == 0)
         std::cout << "Keyrings are refused here and not tested.\n";
-    const auto prints = [](const std::string& text) { return Result {0, text, "", 0}; };
     const auto fails = [](const std::string& text) {
         return says_twice(1, "Fatal error: tarvik::SystemError(forkExecvPipes: giving up the " + text + ")\n");
     };
+    const Result whole = prints(none), kept = prints(none + old), open = prints("1 terminal 1 mute");
     // A redirection, what goes wrong in the child, and what comes of it.
     const std::tuple<std::string, std::string, Result> cases[] = {
-        {"", "", prints(none)},
-        {"2>/dev/tty", "", prints(none)},
-        {"2>/dev/tty", "openat:error=ENFILE", prints(none)},
+        {"", "", whole},
+        {"2>/dev/tty", "openat:error=ENFILE", whole},
         {">/dev/tty", "openat:error=ENFILE", prints("")},
         {"", "openat:error=ENFILE", fails("terminal failed: Too many open files in system")},
-        {"", "openat:error=EACCES", prints("1 terminal 1 mute")},
-        {"", "openat:error=ENOENT", prints("1 terminal 1 mute")},
-        {"", "keyctl:error=EPERM", prints(none + old)},
-        {"", "keyctl:error=EACCES", prints(none + old)},
-        {"", "keyctl:error=ENOSYS", prints(none + old)},
+        {"", "openat:error=EACCES", open},
+        {"", "openat:error=ENOENT", open},
+        {"", "keyctl:error=EPERM", kept},
+        {"", "keyctl:error=EACCES", kept},
+        {"", "keyctl:error=ENOSYS", kept},
         {"", "keyctl:error=EDQUOT", fails("keys failed: Disk quota exceeded")},
     };
     int terminal = -1;
     const pid_t leader = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (leader == 0) {
-        Words arguments;
-        for (const long number : {long(getpgrp()), long(TIOCSTI), long(SYS_keyctl), keyring})
-            arguments.push_back(std::to_string(number));
+        const Words arguments = {std::to_string(getpgrp()), std::to_string(TIOCSTI), std::to_string(SYS_keyctl),
+                                 std::to_string(keyring)};
         for (const auto& [redirection, fault, result] : cases) {
-            Words wrapper;
-            if (!fault.empty())
-                wrapper = {"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "-fqqo/dev/null",
-                           "-einject=" + fault + ":when=1"};
-            if (fault[0] == 'o')
-                wrapper.push_back("-P/dev/tty");
+            const std::string traced = "strace -fqqo/dev/null -einject=" + fault + ":when=1 ";
+            const std::string tracer = fault.empty() ? "" : fault[0] == 'o' ? traced + "-P/dev/tty " : traced;
+            const Words wrapper = {"sh", "-c", "export ASAN_OPTIONS=detect_leaks=0; exec " + tracer + "\"$@\"", "sh"};
             EXPECT_EQ(run_script(arguments, redirection, wrapper), result) << redirection << fault;
         }
         _exit(HasFailure() ? 1 : 0);
@@ -219,30 +206,25 @@ TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)
 
 TEST(ForkExecvPipes, SetsStreamsUserAndEnvironment)
 {
-    static const std::tuple<const char*, int, int, int, Result> cases[] = {
+    const std::tuple<const char*, int, int, int, Result> cases[] = {
         {"its own", 50, 1, 2, {0, "bob new root", "err", 0}},
-        {"both to standard output", 50, 1, 1, {0, "bob new rooterr", "", 0}},
-        {"both to another", 50, 51, 51, {0, "bob new rooterr", "", 0}},
+        {"both to standard output", 50, 1, 1, prints("bob new rooterr")},
+        {"both to another", 50, 51, 51, prints("bob new rooterr")},
         {"exchanged", 50, 2, 1, {0, "err", "bob new root", 0}},
         {"no such input", -2, 1, 2,
          says_twice(1, "Fatal error: tarvik::SystemError(dup2Custom failed: Bad file descriptor)\n")},
     };
-    static const auto* current = cases;
-    for (current = cases; current != std::end(cases); ++current) {
-        const auto& [why, in, out, err, result] = *current;
-        EXPECT_EQ(in_child([] {
-                      tarvik::ArgList words;
-                      for (const char* word : {"name", "-c", "printf \"$(id -un) $HOME $(head -c 4)\"; printf err >&2"})
-                          words.append(word);
-                      dup2(open("/etc/passwd", O_RDONLY), 50);
-                      dup2(STDOUT_FILENO, 51);
-                      const pid_t child =
-                          tarvik::forkExecvPipes(std::get<1>(*current), std::get<2>(*current), std::get<3>(*current),
-                                                 "sh", words, "bob", {{"HOME", "new"}});
-                      std::_Exit(fork_exec_waitpid(child, "", nullptr));
-                  }),
-                  result)
-            << why;
+    for (const auto& [why, in, out, err, result] : cases) {
+        const auto body = [in = in, out = out, err = err] {
+            tarvik::ArgList words;
+            for (const char* word : {"name", "-c", "printf \"$(id -un) $HOME $(head -c 4)\"; printf err >&2"})
+                words.append(word);
+            dup2(open("/etc/passwd", O_RDONLY), 50);
+            dup2(STDOUT_FILENO, 51);
+            const pid_t child = tarvik::forkExecvPipes(in, out, err, "sh", words, "bob", {{"HOME", "new"}});
+            std::_Exit(fork_exec_waitpid(child, "", nullptr));
+        };
+        EXPECT_EQ(in_child(body), result) << why;
     }
 }
 
