@@ -1,9 +1,6 @@
 #include "common/TmpFile.h"
 #include "tests/support/Sandbox.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 using namespace sandbox;
 
 namespace {
@@ -11,8 +8,7 @@ namespace {
 const std::string kPhpOff = "<IfModule mod_php4.c>\n  php_admin_flag engine off\n</IfModule>\n"
                             "<IfModule mod_php5.c>\n  php_admin_flag engine off\n</IfModule>\n";
 const std::string kCgiOff = "<IfModule mod_cgi.c>\n  Options -ExecCGI\n</IfModule>\n";
-const std::string kBothOff = "<mapping url='/'><php:handler><php:disabled/></php:handler>"
-                             "<cgi:handler><cgi:disabled/></cgi:handler></mapping>";
+const std::string kBothOff = "<m '/'><p:handler><p:disabled/></p:handler><c:handler><c:disabled/></c:handler></m>";
 
 // How what is left begins and ends.
 const std::string kFile = "\n- 600 root:root: siteapp.d/app.conf=# ATTENTION!\n"
@@ -43,6 +39,13 @@ protected:
         return std::to_string(result.status) + "|" + result.out + "|" + result.err + site_.listing("system/vhost/conf");
     }
 
+    static Result remove(const Words& changes = {})
+    {
+        const Words words = {"--remove-apache-conf", "--vhost-path=vhost",
+                             "--www-root=", "--config-file-name=app.conf"};
+        return zendrel(changed(words, changes));
+    }
+
     const Site site_;
 };
 
@@ -51,13 +54,12 @@ TEST_F(WebserverConfig, WritesBlocksAndRedirectsInTheirOrder)
     const std::string cgi = "<IfModule mod_cgi.c>\n  Options +ExecCGI\n  <Files ";
     const std::string by_extension = cgi + "~ (\\.pl$)>\n    SetHandler None\n  </Files>\n";
     EXPECT_EQ(
-        install("<mapping url='b/c/d'/>"  // the last one, and nothing is to be said of it
-                "<mapping url='//a//'><cgi:handler/><cgi:handler><cgi:extension>pl</cgi:extension><cgi:extension>"
-                "php</cgi:extension><cgi:extension>cgi</cgi:extension></cgi:handler><cgi:handler><cgi:all-files/>"
-                "</cgi:handler><php:handler><php:extension>php</php:extension><php:extension>php3"
-                "</php:extension></php:handler><php:handler><php:disabled/></php:handler><cgi:handler><cgi:disabled/></"
-                "cgi:handler></mapping><mapping url='old/' virtual='redirect' href='/new'/>"
-                "<mapping url='/' virtual='redirect' href='http://h/'/>",
+        install("<m 'b/c/d'/>"  // the last one, and nothing is to be said of it
+                "<m '//a//'><c:handler/><c:handler><c:extension>pl</c:extension><c:extension>php</c:extension>"
+                "<c:extension>cgi</c:extension></c:handler><c:handler><c:all-files/></c:handler><p:handler>"
+                "<p:extension>php</p:extension><p:extension>php3</p:extension></p:handler><p:handler><p:disabled/>"
+                "</p:handler><c:handler><c:disabled/></c:handler></m><m 'old/' virtual='redirect' href='/new'/>"
+                "<m '/' virtual='redirect' href='http://h/'/>",
                 {"--application-subdirectory=blog", "--www-root=rel"}),
         "0||" + kFile
             + "RedirectPermanent /blog http://h/\n\nRedirectPermanent /blog/old /new\n\n<Directory rel/blog/a// >\n\n"
@@ -74,14 +76,14 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     EXPECT_EQ(install(kBothOff, {"--disable-php-support", "--disable-cgi-support"}),
               kSection + kPhpOff + kCgiOff + kEnd);
     EXPECT_EQ(install(kBothOff, {"--disable-php-support=2"}), kSection + kCgiOff + kEnd);
-    EXPECT_EQ(install("<mapping url='/'><php:handler/></mapping>"), "0||" + kNoMore);
+    EXPECT_EQ(install("<m '/'><p:handler/></m>"), "0||" + kNoMore);
     EXPECT_EQ(install(kBothOff, {"--disable-cgi-support=-1"}), kSection + kPhpOff + kEnd);
     EXPECT_EQ(install("", {"--disable-php-support=1", "--disable-cgi-support=1", "--metadata-file=none"}),
               "0||" + kNoMore);
 
     // From here on the file stays, whatever goes wrong.
     const std::string old = kFile + "RedirectPermanent / /b\n\n" + kNoMore;
-    EXPECT_EQ(install("<mapping url='/' virtual='redirect' href='/b'/>"), "0||" + old);
+    EXPECT_EQ(install("<m '/' virtual='redirect' href='/b'/>"), "0||" + old);
     EXPECT_EQ(install("", {"--metadata-file=none"}),
               "255||XML occured during processing the package file none: Unable to load file: none\n" + old);
     const std::string error = "boost::filesystem::create_directory: No such file or directory: \"";
@@ -94,14 +96,13 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     EXPECT_EQ(install(kBothOff, {"--www-root=" + std::string(5000, 'x')}).substr(0, full.size()), full);
     EXPECT_EQ(site_.listing("system/vhost/conf"), old);
 
-    const Words remove = {"--remove-apache-conf", "--vhost-path=vhost/", "--www-root=", "--config-file-name=app.conf"};
-    EXPECT_EQ(zendrel(remove), says(0, ""));
+    EXPECT_EQ(remove({"--vhost-path=vhost/"}), says(0, ""));
     EXPECT_EQ(site_.listing("system/vhost/conf"), kNoMore);
     site_.shell("ln -s nowhere system/vhost/conf/siteapp.d/app.conf");
     EXPECT_EQ(install(""), "0||\nd 755 root:root: siteapp.d\nl 777 root:root: siteapp.d/app.conf=nowhere\n");
-    EXPECT_EQ(zendrel(remove), says(0, ""));
-    EXPECT_EQ(zendrel(remove), says(0, ""));  // it is gone, and that is all that was wanted
-    EXPECT_EQ(zendrel(changed(remove, {"--config-file-name=."})).status, 1);
+    EXPECT_EQ(remove(), says(0, ""));
+    EXPECT_EQ(remove(), says(0, ""));  // it is gone, and that is all that was wanted
+    EXPECT_EQ(remove({"--config-file-name=."}).status, 1);
     site_.shell("rm -r system/vhost/conf/siteapp.d");
     umask(077);  // which is stricter than asked for
     EXPECT_EQ(install(""), "0||\nd 700 root:root: siteapp.d\n");
@@ -116,32 +117,31 @@ TEST_F(WebserverConfig, StaysWithinTheApplication)
         + ": Invalid package metadata file format: <s:mapping> url leads out of the application.\n" + old.substr(3);
     for (const char* url : {"..", "/../a", "a/../../a/b", "a/.//../.."})
         EXPECT_EQ(install(redirect + url + "'/>"), refused) << url;
-    const std::string off = "<cgi:handler><cgi:disabled/></cgi:handler>";
-    EXPECT_EQ(install("<mapping url='a/b'><mapping url='../../..'/></mapping>"), refused);
-    EXPECT_EQ(install("<mapping url='a/b'><mapping url='../c'>" + off + "</mapping></mapping>"),
+    const std::string off = "<c:handler><c:disabled/></c:handler>";
+    EXPECT_EQ(install("<m 'a/b'><m '../../..'/></m>"), refused);
+    EXPECT_EQ(install("<m 'a/b'><m '../c'>" + off + "</m></m>"),
               "0||" + kFile + "<Directory /docs/a/b/../c >\n\n" + kCgiOff + kEnd);
 }
 
 TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
 {
     const std::string old = kFile + "RedirectPermanent /a\xC2\x85~ /b $c\\ {d}\n\n" + kNoMore;
-    const std::string redirect = "<mapping url='a&#x85;~' virtual='redirect' href='/b $c\\ {d}'/>";
+    const std::string redirect = "<m 'a&#x85;~' virtual='redirect' href='/b $c\\ {d}'/>";
     const Words line_end = {"--www-root=a\nb"};
     EXPECT_EQ(install(redirect, line_end), "0||" + old);  // not in the file
 
-    const std::string odd = "<mapping url='&#127;'><cgi:handler/></mapping>";
-    const std::string php_line_end = "<mapping url='/'><php:handler><php:extension>\n</php:extension></php:handler>"
-                                     "<cgi:handler><cgi:disabled/></cgi:handler></mapping>";
-    const std::string cgi_variable =
-        "<mapping url='/'><cgi:handler><cgi:extension>${A}</cgi:extension></cgi:handler></mapping>";
+    const std::string odd = "<m '&#127;'><c:handler/></m>";
+    const std::string php_line_end = "<m '/'><p:handler><p:extension>\n</p:extension></p:handler>"
+                                     "<c:handler><c:disabled/></c:handler></m>";
+    const std::string cgi_variable = "<m '/'><c:handler><c:extension>${A}</c:extension></c:handler></m>";
     const struct {
         std::string mappings, error;
         Words changes = {};
     } cases[] = {
-        {"<mapping url='/' virtual='redirect' href='&#10;CustomLog \"|id\" x'/>",
+        {"<m '/' virtual='redirect' href='&#10;CustomLog \"|id\" x'/>",
          "<s:mapping> has a control character in its href."},
-        {"<mapping url='/' virtual='redirect' href='/${HOME}'/>", "<s:mapping> has a variable in its href."},
-        {"<mapping url='${HOME}' virtual='redirect' href='/'/>", "<s:mapping> has a variable in its url."},
+        {"<m '/' virtual='redirect' href='/${HOME}'/>", "<s:mapping> has a variable in its href."},
+        {"<m '${HOME}' virtual='redirect' href='/'/>", "<s:mapping> has a variable in its url."},
         {odd, "<s:mapping> has a control character in its url."},
         {php_line_end, "<php:extension> has a control character."},
         {cgi_variable, "<cgi:extension> has a variable."},
@@ -174,7 +174,7 @@ TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
         const Words words = {"--vhost-path=" + host, "--config-file-name=" + file};
         const std::string error = "255||Filesystem exception during config creation: configuration file: Invalid ";
         EXPECT_EQ(install(kBothOff, words).substr(0, error.size()), error) << file;
-        EXPECT_EQ(zendrel({"--remove-apache-conf", words[0], words[1], "--www-root="}).status, 1) << file;
+        EXPECT_EQ(remove(words).status, 1) << file;
     }
     EXPECT_EQ(site_.listing("system"), before);
 
@@ -182,11 +182,10 @@ TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
     for (const char* file : {"../up.conf", "sub/app.conf", "/abs.conf", "../../conf/x", "..x", "sub/../../y"}) {
         const std::string name = std::string("--config-file-name=") + file;
         EXPECT_EQ(install(kBothOff, {name}).substr(0, 4), "0||\n") << file;
-        EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=vhost", name, "--www-root="}), says(0, "")) << file;
+        EXPECT_EQ(remove({name}), says(0, "")) << file;
     }
     // No name is a name.
-    EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=/", "--config-file-name=app.conf", "--www-root="}),
-              says(0, ""));
+    EXPECT_EQ(remove({"--vhost-path=/"}), says(0, ""));
     EXPECT_TRUE(site_.tree("system/conf/siteapp.d").empty());
 }
 
@@ -208,8 +207,7 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
         EXPECT_EQ(left(install("", {"--disable-php-support=1", change})), kept) << change;
     }
     site_.write(directory + "/app.conf.newA0z9Zb", "text", 0600);
-    EXPECT_EQ(zendrel({"--remove-apache-conf", "--vhost-path=vhost", "--www-root=", "--config-file-name=app.conf"}),
-              says(0, ""));
+    EXPECT_EQ(remove(), says(0, ""));
     EXPECT_EQ(left("removal"), kept);
     // By a name alone, in the current directory.
     site_.shell("cd " + directory + "; mkfifo app.conf.newPIPED1; touch app.conf.newA0z9Zb");
@@ -223,7 +221,7 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
 /// Both commands stay root.
 TEST_F(WebserverConfig, KeepsTheOldFileUnlessTheNewOneIsClosedAndChangesNothingElse)
 {
-    const std::string old = install("<mapping url='/' virtual='redirect' href='/b'/>");
+    const std::string old = install("<m '/' virtual='redirect' href='/b'/>");
     site_.metadata(kBothOff);
     site_.shell(
         "export ASAN_OPTIONS=detect_leaks=0\n"  // it cannot run under a tracer
