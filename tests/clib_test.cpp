@@ -5,13 +5,10 @@
 #include "clib/tarvik_ugid.h"
 #include "tests/support/Sandbox.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <regex>
 
 using namespace sandbox;
@@ -118,8 +115,7 @@ TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
               says_twice(1, "Unable to init new groups for user bob: " + denied + "System error 1: " + denied));
     // Calls that fail or only pretend to work, and what the process started with.
     const Site site;
-    site.metadata("<mapping url='/' path='htdocs'/>");
-    site.write("package/htdocs/f", "");
+    site.pack({"f"});
     const Words keeps_saved_group = {"setpriv", "--rgid=28010", "--keep-groups", "--bounding-set=-setgid"};
     const std::tuple<std::string, std::string, Words> cases[] = {
         {"setgid: 28010", "setgid,?setgid32:error=EPERM", {}},
@@ -130,12 +126,10 @@ TEST(Identity, IsGivenUpForGoodOrTheProcessEnds)
         {"setuid: 28001", "capset:retval=0", {"setpriv", "--ruid=alice", "--bounding-set=-setuid"}},
     };
     for (const auto& [failed, call, started] : cases) {
-        Words words = {"env", "ASAN_OPTIONS=detect_leaks=0"};
-        words.insert(words.end(), started.begin(), started.end());
-        words.insert(words.end(), {"strace", "-fqqo/dev/null", "-einject=" + call, ZENDREL_PROGRAM});
-        const Words extract = site.extract();
-        words.insert(words.end(), extract.begin(), extract.end());
-        EXPECT_EQ(run(words), says_twice(1, "Failed to " + failed + "\n\nSystem error 1: " + denied)) << call;
+        const Words tracer = {"strace", "-fqqo/dev/null", "-einject=" + call, ZENDREL_PROGRAM};
+        EXPECT_EQ(run(Words {"env", "ASAN_OPTIONS=detect_leaks=0"} + started + tracer + site.extract()),
+                  says_twice(1, "Failed to " + failed + "\n\nSystem error 1: " + denied))
+            << call;
     }
     EXPECT_TRUE(site.tree().empty());
 }
