@@ -10,10 +10,8 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
-#include <csignal>
 #include <iostream>
 #include <numeric>
-#include <sstream>
 
 using namespace sandbox;
 using namespace tarvik;

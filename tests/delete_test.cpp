@@ -1,7 +1,5 @@
 #include "tests/support/Sandbox.h"
 
-#include <boost/algorithm/string.hpp>
-
 using namespace sandbox;
 
 namespace {
@@ -79,9 +77,7 @@ TEST_F(Delete, AMalformedListEndsTheProcessWithNothingRemoved)
     for (const auto& [bad, what] : cases)
         EXPECT_EQ(remove(bad), says(128 + SIGABRT, thrown + what + "\n")) << bad;
 #ifdef ZENDREL_LTO_PROGRAM
-    Words optimised = site_.remove();
-    optimised.insert(optimised.begin(), ZENDREL_LTO_PROGRAM);
-    EXPECT_EQ(run(optimised, "<WRONG/>"), says(128 + SIGABRT, thrown + root + "\n"));
+    EXPECT_EQ(run(Words {ZENDREL_LTO_PROGRAM} + site_.remove(), "<WRONG/>"), says(128 + SIGABRT, thrown + root + "\n"));
 #endif
     EXPECT_EQ(site_.tree().count("f"), 1u);
     site_.put("own");

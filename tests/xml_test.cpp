@@ -12,9 +12,7 @@
 #include <iconv.h>
 
 #include <cstring>
-#include <fstream>
 #include <new>
-#include <sstream>
 
 using namespace sandbox;
 using namespace tarvik;

@@ -23,10 +23,8 @@ namespace {
 
 TEST(Entry, HandsOverToItsCommandsAndTurnsExceptionsIntoMessages)
 {
-    static std::string command;
-    const auto entry = [](const std::string& word) {
-        command = word;
-        return in_child([] {
+    const auto entry = [](const std::string& command) {
+        return in_child([&command] {
             const char* argv[] = {command.c_str(), command.c_str(), "--help", "", nullptr};
             std::exit(zendrel_main(4, const_cast<char**>(argv)));
         });
@@ -35,7 +33,7 @@ TEST(Entry, HandsOverToItsCommandsAndTurnsExceptionsIntoMessages)
     EXPECT_EQ(entry("--run-application-script"),
               says_twice(1, "Fatal error: tarvik::ExSystemError<2>(open: No such file or directory)\n"));
     EXPECT_EQ(entry("--install-apache-conf"), says_twice(2, "UNSPECIFIED ERROR OCCURED\n"));
-    EXPECT_EQ(entry("--delete-application"), (Result {32, "[--delete-application][--help][]", "", 0}));
+    EXPECT_EQ(entry("--delete-application"), prints("[--delete-application][--help][]", 32));
 }
 
 TEST(Entry, PrintsTheUsageForHelpAndForWordsThatAreNoCommand)
