@@ -17,28 +17,21 @@ for name in one two; do
 done
 cd "$dir"
 
-# A line of what is typed has "^" for the key that completes, and "*" for the one that puts in all that
-# is possible. Each becomes a line of the words then found, without what a shell takes back by itself.
-keys() { # TYPED
-    local text=${1//^/$'\t'}
-    printf '%s\001show \005\n' "${text//'*'/$'\e*'}"
-}
-
 setups=". $dir/usr/share/bash-completion/completions/zendrel"
 [ ! -e /usr/share/bash-completion/bash_completion ] ||
     setups+=$'\n. /usr/share/bash-completion/bash_completion'
 [ -z "$(type -P zsh)" ] || setups+=$'\nzsh'
 
+# A line of what is typed has "^" for the key that completes, and "*" for the one that puts in all that
+# is possible. Each becomes a line of the words then found, without what a shell takes back by itself.
 type_into() { # SETUP, a command of bash or "zsh"
     : >seen
+    sed $'s/\\^/\t/g; s/\\*/\e*/g; s/$/\001show \005/' >keys
     if [ "$1" = zsh ]; then
-        zsh -f type.zsh
+        zsh -f type.zsh <keys
     else
-        {
-            printf '%s\nshow() { printf "<%%s>" "$@"; echo; } >>seen\n' "$1"
-            while IFS= read -r line; do keys "$line"; done
-            echo exit
-        } | bash --norc --noprofile -i
+        printf '%s\nshow() { printf "<%%s>" "$@"; echo; } >>seen\n%s\nexit\n' "$1" "$(cat keys)" |
+            bash --norc --noprofile -i
     fi >screen 2>&1 || true # the words tell
     sed 's,[/=]>,>,g' seen
 }
@@ -50,11 +43,7 @@ type() { zpty -w -n shell "$1"$'\n' }
 type 'fpath=($XDG_DATA_DIRS/zsh/site-functions $fpath); autoload -Uz compinit; compinit -u -D'
 type 'all() { _main_complete; compstate[insert]=all }; zle -C all complete-word all'
 type $'bindkey -e; bindkey "\\e*" all; show() { print -r -- "<${(j:><:)@}>" >>seen }'
-while IFS= read -r line; do
-    all=$'\e*'
-    line=${line//^/$'\t'}
-    type ${line//\*/$all}$'\001show \005'
-done
+while IFS= read -r line; do type "$line"; done
 type exit
 while zpty -r shell line; do print -rn -- $line; done
 END
