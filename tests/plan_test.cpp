@@ -127,8 +127,14 @@ protected:
     void compare_undo(const Json& planned, const Result& done, const std::set<std::string>& atStake, const Tree& before,
                       const Tree& after) const
     {
-        EXPECT_NE(done.err.find(whole(planned["failures"][0]["path"])), std::string::npos)
-            << done << planned["failures"];
+        // Of several in one mapping, the order of a directory tells which comes first.
+        const Json& failures = planned["failures"];
+        EXPECT_TRUE(std::any_of(failures.begin(), failures.end(),
+                                [&](const Json& failure) {
+                                    return failure["reason"] == failures[0]["reason"]
+                                        && done.err.find(whole(failure["path"])) != std::string::npos;
+                                }))
+            << done << failures;
         std::set<std::string> gone;
         for (const auto& [old, line] : before) {
             if (after.count(old) == 0)
