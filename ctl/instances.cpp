@@ -20,6 +20,15 @@ std::string state_of(const InstanceRecord& record)
     return record.exchange ? record.exchange->command + " interrupted" : state_name(record.state);
 }
 
+nlohmann::ordered_json described(const DeployOptions& options)
+{
+    return {{"metadata-file", options.metadataFile},
+            {"skip-webserver-write", options.skipWebserverWrite},
+            {"script", options.script},
+            {"script-parameters", options.scriptParameters},
+            {"apache-conf", options.apacheConf}};
+}
+
 nlohmann::ordered_json described(const InstanceRecord& record)
 {
     nlohmann::ordered_json kept = nlohmann::ordered_json::array();
@@ -38,6 +47,8 @@ nlohmann::ordered_json described(const InstanceRecord& record)
             {"www-root", record.site.wwwRoot},
             {"user-name", record.site.userName},
             {"application-subdirectory", record.site.subdirectory},
+            {"package-directory", record.current.packageDir},
+            {"options", described(record.current.options)},
             {"kept", kept}};
 }
 

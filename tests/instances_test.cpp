@@ -93,6 +93,17 @@ TEST_F(Instances, AreDeployedComparedAndRemoved)
     EXPECT_EQ(all({"instances", "--json"}), prints("[]\n"));
     EXPECT_EQ(ctl({"remove"}), fails("no instance is recorded in @/vhost/httpdocs/app"));
 
+    // What a program has to know to tell whether another deployment would differ.
+    ASSERT_EQ(ctl({"deploy", "--script-parameter=a b", "--skip-webserver-write"}), prints(deployed_));
+    const std::string told = all({"instances", "--json"}).out;
+    EXPECT_NE(
+        told.find("\"package-directory\": \"@/package\",\n    \"options\": {\n      \"metadata-file\": \"\",\n"
+                  "      \"skip-webserver-write\": true,\n      \"script\": false,\n"
+                  "      \"script-parameters\": [\n        \"a b\"\n      ],\n      \"apache-conf\": \"\"\n    }"),
+        std::string::npos)
+        << told;
+    EXPECT_EQ(ctl({"remove"}).status, 0);
+
     // The recorded list is what removal takes by itself.
     ASSERT_EQ(ctl({"deploy"}), prints(deployed_));
     EXPECT_EQ(read(kStore + "vhost-app.xml"), read(site_.path("list")));
