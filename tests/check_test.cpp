@@ -246,6 +246,23 @@ TEST_F(Check, TellsWhereMetadataIsMalformedAndWhatItCannotRead)
               says(1, "zendrelctl: no directory with an unpacked package: " + none + "\n"));
 }
 
+TEST_F(Check, TellsProgramsWhichVersionItIs)
+{
+    site_.metadata("<mapping url='/' path='none'/>");
+    EXPECT_EQ(
+        check({"--json"}),
+        (Result {
+            2,
+            "{\n  \"package\": \"shop\",\n  \"version\": \"2\",\n  \"release\": \"7\",\n  \"findings\": [\n"
+            "    {\n      \"severity\": \"error\",\n      \"where\": \"APP-META.xml:2\",\n"
+            "      \"text\": \"there is no \\\"none\\\" in the package: nothing is installed of it\"\n    }\n  ]\n}\n",
+            ""}));
+    site_.write("package/APP-META.xml", "<nothing/>");
+    const Result broken = check({"--json"});
+    EXPECT_EQ(broken.out.find("{\n  \"findings\": [\n    {\n"), 0U) << broken;
+    EXPECT_EQ(broken.status, 2);
+}
+
 TEST_F(Check, TakesLittleTimeAndMemoryForHostileMetadata)
 {
     std::string entities = "<!ENTITY a '" + std::string(1'000, 'x') + "'>";
