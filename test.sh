@@ -2,19 +2,20 @@
 # Installs what is missing, builds the program twice (hardened release; with sanitizers), checks form
 # and runs all tests in both builds. Needs root. Ends with the test runner's closing lines.
 #
-#   test.sh [--fuzz | --browser]
+#   test.sh [--fuzz | --browser | --fleet]
 #
 #   --fuzz     instead, look for inputs that break what reads foreign data, a minute for each reader.
 #   --browser  instead, visit the demonstration's site in Chromium.
+#   --fleet    instead, look the Ansible collection over, and drive five hosts by it, which are namespaces here.
 set -eu
 cd "$(dirname "$0")"
 
 say() { printf '\n== %s\n' "$*"; }
 
 case "$# $*" in
-    '0 ' | '1 --fuzz' | '1 --browser') ;;
+    '0 ' | '1 --fuzz' | '1 --browser' | '1 --fleet') ;;
     *)
-        echo "usage: ./test.sh [--fuzz | --browser]" >&2
+        echo "usage: ./test.sh [--fuzz | --browser | --fleet]" >&2
         exit 2
         ;;
 esac
@@ -30,6 +31,8 @@ case "$*" in
     --fuzz) packages="cmake make clang libclang-rt-14-dev
         libboost-filesystem-dev libboost-program-options-dev libxml2-dev nlohmann-json3-dev libssl-dev" ;;
     --browser) packages="chromium chromium-driver perl procps" ;; # the demonstration installs its own
+    # Services are installed on the hosts, lest they start here.
+    --fleet) packages="ansible-core ansible-lint python3-voluptuous pycodestyle openssh-client iproute2 curl" ;;
 esac
 missing=
 for package in $packages; do
@@ -50,6 +53,17 @@ case "$*" in
     --browser)
         say "A visit with Chromium"
         exec tests/browser_test.pl
+        ;;
+    --fleet)
+        unshare --net true 2>/dev/null || {
+            echo "test.sh: the kernel allows no namespaces here, so no hosts can be made" >&2
+            exit 1
+        }
+        say "The collection's form"
+        timeout 10m unshare --net ansible/tests/form.sh
+        say "The package that the hosts get"
+        ./package.sh
+        exec ansible/tests/fleet.sh
         ;;
 esac
 if [ ! -d build/apache2 ]; then
