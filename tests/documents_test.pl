@@ -28,7 +28,7 @@ sub anchors_of { # as the headings of a document get them
     return \%anchor;
 }
 
-for my $document (glob '*.md docs/*.md') {
+for my $document (glob '*.md docs/*.md ansible/*.md') {
     my ($folder) = $document =~ m{^(.*/)} ? $1 : '';
     my $text = text_of($document) =~ s/`[^`\n]*`/`/gr;
     for my $link ($text =~ /\]\(([^)\s]+)\)/g) {
