@@ -137,8 +137,8 @@ use constant {PANEL => 300, TOP => 60, BOTTOM => 380};
 # Two panels with one scale of ratios: over the number of files, and over the number of threads.
 sub draw {
     my @pairs = (['extract', 'cp -r', '#d55e00'], ['delete', 'rm -rf', '#0072b2']);
-    my $svg = qq(<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 860 450" font-family="sans-serif" font-size="13">\n)
-        . qq(<rect width="860" height="450" rx="6" fill="#fff"/>\n);
+    my $svg = qq(<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 880 450" font-family="sans-serif" font-size="13">\n)
+        . qq(<rect width="880" height="450" rx="6" fill="#fff"/>\n);
     my $line = sub { $svg .= sprintf qq(<path d="M%.1f %.1fL%.1f %.1f" stroke="%s"/>\n), @_ };
     my $text = sub { $svg .= sprintf qq(<text x="%.1f" y="%.1f" text-anchor="%s" fill="%s">%s</text>\n), @_ };
     my $panel = sub {
@@ -173,7 +173,7 @@ sub draw {
         }
     };
     $panel->(45, 'Time against cp -r and rm -rf', 'files', \@sizes, 0);
-    $panel->(460, 'The same, 10,000 files', 'threads', \@counts, 1) if @counts;
+    $panel->(480, 'The same, 10,000 files', 'threads', \@counts, 1) if @counts;
     return "$svg</svg>\n";
 }
 
