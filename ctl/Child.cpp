@@ -26,6 +26,9 @@ namespace {
 /// Exit status of a child that has written, in place of an answer, what was wrong.
 constexpr int kComplaint = 3;
 
+/// No answer and no complaint begins with it.
+constexpr char kStepDone = '\0';
+
 [[noreturn]] void throw_failed(const char* what)
 {
     throw Trouble(std::string(what) + ": " + std::strerror(errno));
@@ -184,15 +187,21 @@ Question::~Question()
         static_cast<void>(retried([this] { return ::waitpid(keeper_, nullptr, 0); }));
 }
 
-void Question::go()
+bool Question::step()
 {
-    if (retried([this] { return ::write(to_child_.get(), "", 1); }) != 1)
-        throw_failed("cannot reach a process");
+    char byte = 0;
+    if (retried([this] { return ::write(to_child_.get(), &kStepDone, 1); }) != 1
+        || retried([&] { return ::read(from_child_.get(), &byte, 1); }) != 1)
+        return false;
+    if (byte != kStepDone)
+        heard_ += byte;
+    return byte == kStepDone;
 }
 
 std::string Question::answer()
 {
-    std::string text = read_all(from_child_.get());
+    to_child_.reset();
+    std::string text = heard_ + read_all(from_child_.get());
     const int status = wait_for(std::exchange(keeper_, -1));
     if (status == kComplaint)
         throw Trouble(text);
@@ -205,6 +214,12 @@ bool told_to_go()
 {
     char byte = 0;
     return retried([&byte] { return ::read(STDIN_FILENO, &byte, 1); }) == 1;
+}
+
+void say_done()
+{
+    if (!write_all({&kStepDone, 1}))
+        throw_failed("cannot reach a process");
 }
 
 std::string ask_as(const std::string& user, const std::function<std::string()>& work)

@@ -38,19 +38,24 @@ public:
     /// Waits for the work, whose answer nobody wants any more.
     ~Question();
 
-    /// Tells work that waits in `told_to_go`, once, that it is time.
-    void go();
-    /// Waits for the answer. @throws Trouble with the text of what the work threw.
+    /// Tells work that waits in `told_to_go` that it is time, and waits until it says that it is
+    /// done with that. @return false when it has ended instead: the answer tells why.
+    bool step();
+    /// Waits for the answer; there are no more steps. @throws Trouble with the text of what the
+    /// work threw.
     std::string answer();
 
 private:
     std::string user_;
     TDescriptor to_child_, from_child_;
+    std::string heard_;  ///< of the answer
     pid_t keeper_ = -1;
 };
 
-/// For work that is asked for: waits. @return false when nobody is left to tell it.
+/// For work that is asked for in steps: waits. @return false when there are no more.
 bool told_to_go();
+/// What such a step ends with.
+void say_done();
 
 /// Asks and waits.
 std::string ask_as(const std::string& user, const std::function<std::string()>& work);

@@ -129,7 +129,7 @@ void NewFiles::take_all() const
                    take_over_as(user_, fromTree_, toTree_, rules_, {""}));
 }
 
-void NewFiles::take_web_servers() const
+void NewFiles::take_web_servers(int from, int to) const
 {
     TakeoverRules own = rules_;
     own.decide = [this](const std::string& path, const struct stat& status) {
@@ -138,7 +138,7 @@ void NewFiles::take_web_servers() const
             return mine ? Take::Link : Take::IfNeeded;
         return mine ? rules_.decide(path, status) : Take::Skip;
     };
-    static_cast<void>(take_over_as(kWebServerUser, fromTree_, toTree_, own, writable_));
+    static_cast<void>(take_over(from, to, own, writable_));
 }
 
 void NewFiles::take_own() const

@@ -58,8 +58,9 @@ public:
 
     /// @throws Trouble, as those below, for what nobody can take.
     void take_all() const;
-    /// A last look at what visitors make as the web server's account.
-    void take_web_servers() const;
+    /// A last look at what visitors make as the web server's account, by a process that is it.
+    /// @param from, to  the trees, opened as places: they may have changed their names meanwhile.
+    void take_web_servers(int from, int to) const;
     /// A last look at what they make as the site's user, by a process that is this user.
     void take_own() const;
 

@@ -115,8 +115,19 @@ void exchange_names(const std::string& appDir, const std::string& other)
                       + "; see --in-place");
 }
 
-/// What visitors make from here on is not in the other tree before all is over, and who makes a
-/// file of the same name there meanwhile makes another one: so the last look comes last.
+TDescriptor open_place(const std::string& directory)
+{
+    TDescriptor place(::open(directory.c_str(), kPlace));
+    if (!place)
+        throw_failed(directory);
+    return place;
+}
+
+/// Two visitors who make a file of one name, the one in the old tree behind the last look and the
+/// other in the new tree before what is in the old one has come over, make two files. So the last
+/// looks come right before the exchange, and that of the web server's account, which most visitors
+/// work as, once more right after it, by processes that are at hand. They wait for each other, as
+/// the system lets those go first that have waited.
 void exchange_trees(const InstanceRecord& record, const std::string& other)
 {
     const Site& site = record.site;
@@ -126,13 +137,30 @@ void exchange_trees(const InstanceRecord& record, const std::string& other)
     Question exchanger(site.userName, [&] {
         if (told_to_go()) {
             files.take_own();
+            say_done();
+        }
+        if (told_to_go()) {
             exchange_names(appDir, other);
+            say_done();
         }
         return std::string();
     });
-    files.take_web_servers();
-    exchanger.go();
+    Question looker(kWebServerUser, [&] {
+        const TDescriptor from = open_place(appDir);
+        const TDescriptor to = open_place(other);
+        while (told_to_go()) {
+            files.take_web_servers(from.get(), to.get());
+            say_done();
+        }
+        return std::string();
+    });
+    if (exchanger.step() && looker.step() && exchanger.step()) {
+        static_cast<void>(looker.step());  // if it fails, all is looked through later
+        return;
+    }
+    static_cast<void>(looker.answer());
     static_cast<void>(exchanger.answer());
+    throw Trouble(appDir + " was not exchanged");
 }
 
 /// All that comes after the exchange.

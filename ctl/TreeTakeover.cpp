@@ -252,7 +252,12 @@ Paths take_over(const std::string& from, const std::string& to, const TakeoverRu
     const TDescriptor target(::open(to.c_str(), kPlace | O_DIRECTORY));
     if (!source || !target)
         throw Trouble((source ? to : from) + ": " + std::strerror(errno));
-    Takeover takeover(source.get(), target.get(), rules);
+    return take_over(source.get(), target.get(), rules, paths);
+}
+
+Paths take_over(int from, int to, const TakeoverRules& rules, const Paths& paths)
+{
+    Takeover takeover(from, to, rules);
     for (const std::string& path : paths)
         takeover.take(path);
     return takeover.left();

@@ -88,6 +88,10 @@ std::vector<std::string> take_over(const std::string& from, const std::string& t
                                    const TakeoverRules& rules,
                                    const std::vector<std::string>& paths);
 
+/// The same in directories that are opened as places.
+std::vector<std::string> take_over(int from, int to, const TakeoverRules& rules,
+                                   const std::vector<std::string>& paths);
+
 /// The turn of a user: the site's, who takes but what the web server owns, or the web server's.
 std::vector<std::string> take_over_as(const std::string& user, const std::string& from,
                                       const std::string& to, const TakeoverRules& rules,
