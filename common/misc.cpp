@@ -58,6 +58,20 @@ PathAt LastDirectory::at(const std::string& path)
     return descriptor_ ? PathAt {descriptor_.get(), path.c_str() + slash + 1} : whole;
 }
 
+ssize_t read_fully(int file, char* to, std::size_t size)
+{
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t count = retried([&] { return ::read(file, to + done, size - done); });
+        if (count < 0)
+            return -1;
+        if (count == 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return static_cast<ssize_t>(done);
+}
+
 std::string readFile(std::istream& in)
 {
     std::string content;

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/types.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -80,6 +82,10 @@ private:
     std::string directory_;
     TDescriptor descriptor_;
 };
+
+/// @return how many bytes of a file were read; fewer than asked for at its end, -1 with `errno` for
+/// an error.
+ssize_t read_fully(int file, char* to, std::size_t size);
 
 /// @return everything left in `in`; empty when nothing is left.
 std::string readFile(std::istream& in);

@@ -26,8 +26,9 @@ namespace {
 /// Exit status of a child that has written, in place of an answer, what was wrong.
 constexpr int kComplaint = 3;
 
-/// No answer and no complaint begins with it.
-constexpr char kStepDone = '\0';
+/// What begins something said before the answer; its size follows. No answer and no complaint
+/// begins with it.
+constexpr char kSaid = '\0';
 
 [[noreturn]] void throw_failed(const char* what)
 {
@@ -102,6 +103,12 @@ std::string read_all(int descriptor)
             return text;
         text.append(buffer.data(), static_cast<std::size_t>(count));
     }
+}
+
+/// @return whether all of it came.
+bool hear_bytes(int descriptor, char* to, std::size_t size)
+{
+    return read_fully(descriptor, to, size) == static_cast<ssize_t>(size);
 }
 
 bool write_all(std::string_view text)
@@ -187,15 +194,29 @@ Question::~Question()
         static_cast<void>(retried([this] { return ::waitpid(keeper_, nullptr, 0); }));
 }
 
-bool Question::step()
+void Question::go()
+{
+    // Whoever has ended meanwhile is heard of soon.
+    static_cast<void>(retried([this] { return ::write(to_child_.get(), &kSaid, 1); }));
+}
+
+std::optional<std::string> Question::hear()
 {
     char byte = 0;
-    if (retried([this] { return ::write(to_child_.get(), &kStepDone, 1); }) != 1
-        || retried([&] { return ::read(from_child_.get(), &byte, 1); }) != 1)
-        return false;
-    if (byte != kStepDone)
+    if (!hear_bytes(from_child_.get(), &byte, 1))
+        return std::nullopt;
+    if (byte != kSaid) {
         heard_ += byte;
-    return byte == kStepDone;
+        return std::nullopt;
+    }
+    std::size_t size = 0;
+    std::string text;
+    if (!hear_bytes(from_child_.get(), reinterpret_cast<char*>(&size), sizeof size))
+        return std::nullopt;
+    text.resize(size);
+    if (!hear_bytes(from_child_.get(), text.data(), size))
+        return std::nullopt;
+    return text;
 }
 
 std::string Question::answer()
@@ -216,10 +237,32 @@ bool told_to_go()
     return retried([&byte] { return ::read(STDIN_FILENO, &byte, 1); }) == 1;
 }
 
-void say_done()
+void say(std::string_view text)
 {
-    if (!write_all({&kStepDone, 1}))
+    std::string message(1, kSaid);
+    const std::size_t size = text.size();
+    message.append(reinterpret_cast<const char*>(&size), sizeof size).append(text);
+    if (!write_all(message))
         throw_failed("cannot reach a process");
+}
+
+std::string joined(const std::vector<std::string>& texts)
+{
+    std::string all;
+    for (const std::string& text : texts)
+        all.append(text) += '\0';
+    return all;
+}
+
+std::vector<std::string> split(const std::string& text)
+{
+    std::vector<std::string> texts;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = text.find('\0', start);
+        texts.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return texts;
 }
 
 std::string ask_as(const std::string& user, const std::function<std::string()>& work)

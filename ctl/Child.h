@@ -5,7 +5,10 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 /// Work in child processes. All that looks at or changes a site is done by its own user, never by
 /// root: whatever the user or the web server swaps meanwhile, it is done with no more rights than
@@ -38,11 +41,13 @@ public:
     /// Waits for the work, whose answer nobody wants any more.
     ~Question();
 
-    /// Tells work that waits in `told_to_go` that it is time, and waits until it says that it is
-    /// done with that. @return false when it has ended instead: the answer tells why.
-    bool step();
-    /// Waits for the answer; there are no more steps. @throws Trouble with the text of what the
-    /// work threw.
+    /// Tells work that waits in `told_to_go` that it is time.
+    void go();
+    /// Waits for what the work says next. @return none when it has ended instead: the answer tells
+    /// why.
+    std::optional<std::string> hear();
+    /// Waits for the answer. Work that still waits to be told to go is told that there is no more.
+    /// @throws Trouble with the text of what the work threw.
     std::string answer();
 
 private:
@@ -54,8 +59,12 @@ private:
 
 /// For work that is asked for in steps: waits. @return false when there are no more.
 bool told_to_go();
-/// What such a step ends with.
-void say_done();
+/// Says something before the answer. Who asked has to hear it. @throws Trouble
+void say(std::string_view text);
+
+/// Several texts in one, for what one process tells another. None of them holds a NUL.
+std::string joined(const std::vector<std::string>& texts);
+std::vector<std::string> split(const std::string& text);
 
 /// Asks and waits.
 std::string ask_as(const std::string& user, const std::function<std::string()>& work);

@@ -27,22 +27,6 @@ TDescriptor open_file(const PathAt& at)
     return file;
 }
 
-/// @return the bytes read; fewer than asked for at the end, -1 for an error.
-ssize_t read_fully(int file, std::vector<char>& buffer)
-{
-    std::size_t size = 0;
-    while (size < buffer.size()) {
-        const ssize_t count =
-            retried([&] { return ::read(file, &buffer[size], buffer.size() - size); });
-        if (count < 0)
-            return -1;
-        if (count == 0)
-            break;
-        size += static_cast<std::size_t>(count);
-    }
-    return static_cast<ssize_t>(size);
-}
-
 /// Compares one pair after the other.
 class Comparer {
 public:
@@ -72,8 +56,8 @@ private:
     bool same_content(const TDescriptor& first, const TDescriptor& second)
     {
         while (first && second) {
-            const ssize_t count = read_fully(first.get(), buffers_[0]);
-            if (count < 0 || count != read_fully(second.get(), buffers_[1]))
+            const ssize_t count = read_fully(first.get(), buffers_[0].data(), kBufferSize);
+            if (count < 0 || count != read_fully(second.get(), buffers_[1].data(), kBufferSize))
                 return false;
             const auto size = static_cast<std::size_t>(count);
             if (std::memcmp(buffers_[0].data(), buffers_[1].data(), size) != 0)

@@ -17,7 +17,9 @@
 #include <ctime>
 #include <iostream>
 #include <list>
+#include <optional>
 #include <tuple>
+#include <utility>
 
 namespace tarvik::ctl {
 
@@ -64,21 +66,6 @@ bool is_same_plan(const Release& a, const Release& b)
                       [](const auto& one, const auto& other) { return one.path == other.path; });
 }
 
-/// An upgrade leaves alone what the site has added, and made its own in writable mappings.
-bool would_be_repaired(const Difference& difference, const WritableArea& area)
-{
-    const std::string kind = difference.kind;
-    return kind != "extra" && (kind == "missing" || kind == "type" || !area.has(difference.path));
-}
-
-std::string digest_lines(const std::vector<RecordedFile>& files)
-{
-    std::string lines;
-    for (const RecordedFile& file : files)
-        lines.append(file.sha256) += '\n';
-    return lines;
-}
-
 std::string as_lines(const std::vector<Foreseen>& failures)
 {
     std::string lines;
@@ -121,21 +108,32 @@ void require_feasible(const PackageSource& package, const Site& site, const Depl
 
 Planning::Planning(const PackageSource& package, const Site& site, const DeployOptions& options)
     : metadata_(read_metadata(package)), options_(options), packageDir_(package.directory),
-      paths_(site.userName, [&] {
-          const InstallPlan plan = plan_quietly(package, site, metadata_);
+      question_(site.userName, [&] {
           const std::string appDir = site.application_dir();
-          Release release;
-          release.writableDirs = below(appDir, plan.writableDirs);
-          release.otherDirs = below(appDir, plan.otherDirs);
-          release.files = planned_files(plan);
-          return release_text(release);
+          const InstallPlan plan = plan_quietly(package, site, metadata_);
+          std::vector<std::string> paths;
+          for (InstalledPath& installed : installed_paths(plan)) {
+              const bool named = installed.file != nullptr && !installed.file->sourcePath.empty();
+              sources_.push_back(named ? installed.file->sourcePath : ".");
+              paths.push_back(std::move(installed.path));
+          }
+          say(joined(paths));
+          say(joined(sources_));
+          say(joined(below(appDir, plan.writableDirs)));
+          say(joined(below(appDir, plan.otherDirs)));
+          return told_to_go() ? package_digests(sources()) : "";
       })
 {
 }
 
 Release Planning::release()
 {
-    Release release = release_from(paths_.answer());
+    Release release;
+    for (std::string& path : told())
+        release.files.push_back({std::move(path), false, 0, ""});
+    sources_ = told();
+    release.writableDirs = told();
+    release.otherDirs = told();
     release.name = metadata_.name();
     release.version = metadata_.version();
     release.release = metadata_.release();
@@ -145,17 +143,15 @@ Release Planning::release()
     return release;
 }
 
-PackageReading::PackageReading(const PackageSource& package, const Site& site)
-    : metadata_(read_metadata(package)), digests_(site.userName, [&] {
-          return package_digests(package, plan_quietly(package, site, metadata_));
-      })
+std::vector<std::string> Planning::told()
 {
+    const std::optional<std::string> text = question_.hear();
+    return split(text ? *text : question_.answer());  // which throws what was wrong
 }
 
-void ReleaseCompletion::complete(Release& release, const Site& site,
-                                 const std::vector<std::string>& changed)
+void complete(Release& release, const Site& site, const std::string& digests,
+              const std::vector<std::string>& changed)
 {
-    const std::string digests = reading_.digests();
     const std::string modes = ask_as(site.userName, [&] {
         return installed_modes(release.files, site.application_dir(), digests, changed);
     });
@@ -163,21 +159,16 @@ void ReleaseCompletion::complete(Release& release, const Site& site,
     release.filesId.clear();
 }
 
-bool is_installed_already(const Release& current, const Release& next, const Site& site)
+bool is_installed_already(const Release& current, const Release& next, const Site& site,
+                          const PackageSources& sources)
 {
     if (!is_same_plan(current, next))
         return false;
-    PackageReading reading(package_of(next), site);
-    const std::string appDir = site.application_dir();
-    const std::string found = ask_as(site.userName, [&] {
-        const WritableArea area(current);
-        const std::vector<Difference> all = differences(appDir, current, {});
-        const bool repairs = std::any_of(all.begin(), all.end(), [&](const Difference& difference) {
-            return would_be_repaired(difference, area);
-        });
-        return std::string(repairs ? "yes" : "");
+    const std::string answer = ask_as(site.userName, [&] {
+        const bool is = is_as_package_has_it(site.application_dir(), current, sources);
+        return std::string(is ? "yes" : "");
     });
-    return found.empty() && reading.digests() == digest_lines(current.files);
+    return !answer.empty();
 }
 
 PackageSource package_of(const Release& release)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ctl/Child.h"
+#include "ctl/InstalledFiles.h"
 #include "ctl/Package.h"
 #include "ctl/Record.h"
 #include "ctl/Zendrel.h"
@@ -17,52 +18,49 @@ void require_sound(const PackageSource& package);
 /// Refuses an extraction that is known to fail; why is reported on standard error. @throws Trouble
 void require_feasible(const PackageSource& package, const Site& site, const DeployOptions& options);
 
-/// What an installation will put where, found out while this process goes on.
+/// What an installation will put where, found out while this process goes on; and what the package
+/// has for it, which is read meanwhile.
 class Planning {
 public:
     Planning(const PackageSource& package, const Site& site, const DeployOptions& options);
-    /// @throws Trouble when the plan fails, as the extraction would.
+    /// To be asked for once, and first. @throws Trouble when the plan fails, as the extraction
+    /// would.
     Release release();
+    /// @return what the package has for each of the release's paths.
+    PackageSources sources() const { return {packageDir_, sources_}; }
+    /// Begins with that.
+    void read_package() { question_.go(); }
+    /// @return what came of it, as `package_digests` has it. To be asked for once. @throws Trouble
+    std::string digests() { return question_.answer(); }
 
 private:
+    std::vector<std::string> told();
+
     FSAMetaDataReader metadata_;
     DeployOptions options_;
     std::string packageDir_;
-    Question paths_;
-};
-
-/// Reads what a package installs, while this process goes on.
-class PackageReading {
-public:
-    PackageReading(const PackageSource& package, const Site& site);
-    /// @return the digests, as `package_digests` has them. To be asked for once. @throws Trouble
-    std::string digests() { return digests_.answer(); }
-
-private:
-    FSAMetaDataReader metadata_;
-    Question digests_;
-};
-
-/// Completes a planned release, and looks whether the installation has done what it should.
-class ReleaseCompletion {
-public:
-    /// Begins to read the package, while the installation goes on.
-    ReleaseCompletion(const PackageSource& package, const Site& site) : reading_(package, site) { }
-    /// @param site  where it was installed. @param changed  paths where the site has content of its
-    /// own. @throws Trouble
-    void complete(Release& release, const Site& site, const std::vector<std::string>& changed);
-
-private:
-    PackageReading reading_;
+    std::vector<std::string> sources_;
+    Question question_;
 };
 
 /**
+ * Completes a planned release, and looks whether the installation has done what it should.
+ * @param site  where it was installed. @param digests  those of the package. @param changed  paths
+ *        where the site has content of its own.
+ * @throws Trouble
+ */
+void complete(Release& release, const Site& site, const std::string& digests,
+              const std::vector<std::string>& changed);
+
+/**
  * @param current  what is installed in the site. @param next  what was planned for it.
+ * @param sources  what the package has for it.
  * @return whether that is the same from the same place, file by file, and is all there. The site
  *         may have changed what is its own to change, and added to it.
  * @throws Trouble
  */
-bool is_installed_already(const Release& current, const Release& next, const Site& site);
+bool is_installed_already(const Release& current, const Release& next, const Site& site,
+                          const PackageSources& sources);
 
 /// @return the package that a release came from.
 PackageSource package_of(const Release& release);

@@ -19,84 +19,96 @@ namespace tarvik::ctl {
 
 namespace {
 
-constexpr std::size_t kBufferSize = 128 * 1024;
-
-struct FreeContext {
-    void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
-};
 struct FreeAlgorithm {
     void operator()(EVP_MD* algorithm) const noexcept { EVP_MD_free(algorithm); }
 };
-using Algorithm = std::unique_ptr<EVP_MD, FreeAlgorithm>;
+
+/// To look it up for each file would take as long as a small file does.
+const EVP_MD* algorithm()
+{
+    static const std::unique_ptr<EVP_MD, FreeAlgorithm> sha256(
+        EVP_MD_fetch(nullptr, "SHA256", nullptr));
+    return sha256.get();
+}
 
 std::string hexadecimal(const unsigned char* bytes, unsigned length)
 {
     constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < length; ++i) {
-        text += kDigits[bytes[i] >> 4U];
-        text += kDigits[bytes[i] & 0x0fU];
+    std::string text(2 * std::size_t {length}, '\0');
+    for (std::size_t i = 0; i < length; ++i) {
+        text[2 * i] = kDigits[bytes[i] >> 4U];
+        text[2 * i + 1] = kDigits[bytes[i] & 0x0fU];
     }
     return text;
 }
 
-/// Reads one file after the other.
-class Reader {
+/// Finds one file after the other.
+class Finder {
 public:
-    explicit Reader(const EVP_MD* algorithm)
-        : algorithm_(algorithm), context_(EVP_MD_CTX_new()), buffer_(kBufferSize)
-    {
-    }
+    explicit Finder(const std::string& directory) : directory_(directory) { }
 
-    Digest read(int directory, const std::string& path)
+    Digest read(const std::string& path)
     {
         const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-        const TDescriptor file(::openat(directory, path.c_str(), flags));
+        const PathAt at = last_.at(path_.assign(directory_).append("/").append(path));
+        const TDescriptor file(::openat(at.directory, at.name, flags));
         struct stat status;
         if (!file || ::fstat(file.get(), &status) != 0)
             return {"", errno};
-        if (!S_ISREG(status.st_mode))
-            return {"", EOPNOTSUPP};
-        if (!context_ || EVP_DigestInit_ex(context_.get(), algorithm_, nullptr) != 1)
-            return {"", ENOMEM};
-        for (;;) {
-            const ssize_t count =
-                retried([&] { return ::read(file.get(), buffer_.data(), buffer_.size()); });
-            if (count < 0)
-                return {"", errno};
-            if (count == 0)
-                break;
-            EVP_DigestUpdate(context_.get(), buffer_.data(), static_cast<std::size_t>(count));
-        }
-        std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
-        unsigned length = 0;
-        EVP_DigestFinal_ex(context_.get(), bytes.data(), &length);
-        return {hexadecimal(bytes.data(), length), 0};
+        return S_ISREG(status.st_mode) ? reader_.read(file.get(), status) : Digest {"", EOPNOTSUPP};
     }
 
 private:
-    const EVP_MD* algorithm_;
-    std::unique_ptr<EVP_MD_CTX, FreeContext> context_;
-    std::vector<char> buffer_;
+    const std::string& directory_;
+    std::string path_;  ///< written over what was allocated for the last one
+    LastDirectory last_;
+    DigestReader reader_;
 };
 
 }  // namespace
 
+DigestReader::DigestReader() : context_(EVP_MD_CTX_new()), buffer_(kPieceSize) { }
+
+Digest DigestReader::read(int file, const struct stat& status,
+                          const std::function<void(std::string_view piece)>& piece)
+{
+    bool hashes = context_ && EVP_DigestInit_ex(context_.get(), algorithm(), nullptr) == 1;
+    for (off_t left = status.st_size;;) {
+        // No more than is there: finding the end would be another call for each file.
+        const std::size_t wanted =
+            left <= 0 ? kPieceSize : std::min(kPieceSize, static_cast<std::size_t>(left));
+        const ssize_t count = read_fully(file, buffer_.data(), wanted);
+        if (count < 0)
+            return {"", errno};
+        const auto size = static_cast<std::size_t>(count);
+        hashes = hashes && EVP_DigestUpdate(context_.get(), buffer_.data(), size) == 1;
+        if (piece)
+            piece({buffer_.data(), size});
+        left -= count;
+        if (size < wanted || left == 0)
+            break;
+    }
+    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
+    unsigned length = 0;
+    if (!hashes || EVP_DigestFinal_ex(context_.get(), bytes.data(), &length) != 1)
+        return {"", ENOMEM};
+    return {hexadecimal(bytes.data(), length), 0};
+}
+
+void DigestReader::FreeContext::operator()(evp_md_ctx_st* context) const noexcept
+{
+    EVP_MD_CTX_free(context);
+}
+
 std::vector<Digest> digests(const std::string& directory, const std::vector<std::string>& paths)
 {
     std::vector<Digest> results(paths.size());
-    const TDescriptor top(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!top) {
-        std::fill(results.begin(), results.end(), Digest {"", errno});
-        return results;
-    }
-    const Algorithm algorithm(EVP_MD_fetch(nullptr, "SHA256", nullptr));
-    if (!algorithm)
-        throw Trouble("the cryptographic library has no SHA-256");
     side_by_side("Reading", paths.size(), [&](Pieces& pieces) {
-        Reader reader(algorithm.get());
-        for (std::size_t i; pieces.take(i);)
-            results[i] = reader.read(top.get(), paths[i]);
+        Finder finder(directory);
+        for (std::size_t begin, end; pieces.take(begin, end);) {
+            for (; begin < end; ++begin)
+                results[begin] = finder.read(paths[begin]);
+        }
     });
     return results;
 }

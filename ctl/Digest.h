@@ -1,8 +1,15 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
+#include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
+
+struct evp_md_ctx_st;
 
 namespace tarvik::ctl {
 
@@ -10,6 +17,30 @@ namespace tarvik::ctl {
 struct Digest {
     std::string sha256;  ///< in hexadecimal digits; empty when it could not be read
     int error = 0;       ///< why; an `errno` value
+};
+
+/// Reads one file after the other.
+class DigestReader {
+public:
+    DigestReader();
+
+    /**
+     * @param file    open at its start. @param status  what it was then.
+     * @param piece   shown each piece of what is read, all but the last one of kPieceSize bytes;
+     * may be empty. Must not throw.
+     */
+    Digest read(int file, const struct stat& status,
+                const std::function<void(std::string_view piece)>& piece = {});
+
+    static constexpr std::size_t kPieceSize = 128 * 1024;
+
+private:
+    struct FreeContext {
+        void operator()(evp_md_ctx_st* context) const noexcept;
+    };
+
+    std::unique_ptr<evp_md_ctx_st, FreeContext> context_;
+    std::vector<char> buffer_;
 };
 
 /**

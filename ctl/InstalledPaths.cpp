@@ -3,7 +3,7 @@
 #include "app/InstallPlan.h"
 
 #include <algorithm>
-#include <unordered_set>
+#include <utility>
 
 namespace tarvik::ctl {
 
@@ -16,9 +16,28 @@ std::string directory_of(const std::string& path)
     return path.substr(0, slash == std::string::npos ? 0 : slash);
 }
 
-bool ends_in_parent(const std::string& path)
+void add_with_parents(std::vector<InstalledPath>& paths, std::string directory)
+{
+    for (; !directory.empty(); directory = directory_of(directory))
+        paths.push_back({directory, nullptr});
+    paths.push_back({"", nullptr});
+}
+
+bool comes_before(const InstalledPath& a, const InstalledPath& b)
+{
+    const int order = a.path.compare(b.path);
+    return order != 0 ? order < 0 : a.file != nullptr && b.file == nullptr;
+}
+
+bool is_same(const InstalledPath& a, const InstalledPath& b)
+{
+    return a.path == b.path;
+}
+
+bool ends_in_parent(const InstalledPath& installed)
 {
     constexpr char kParent[] = "..";
+    const std::string& path = installed.path;
     const std::size_t length = sizeof kParent - 1;
     return path.size() >= length && path.compare(path.size() - length, length, kParent) == 0
         && (path.size() == length || path[path.size() - length - 1] == '/');
@@ -38,17 +57,24 @@ std::string plain_path(const std::string& path)
     return result;
 }
 
-std::vector<std::string> installed_paths(const InstallPlan& plan)
+std::vector<InstalledPath> installed_paths(const InstallPlan& plan)
 {
-    std::unordered_set<std::string> found;
-    for (const auto& [target, file] : plan.files) {
-        std::string path = plain_path(target);
-        while (found.insert(path).second && !path.empty())
-            path = directory_of(path);
+    std::vector<InstalledPath> paths;
+    std::string last;  // directory, whose own are there already
+    // Of several targets for one path the last one counts, and any of them more than what is in
+    // between: they come first, and the first one stays.
+    for (auto next = plan.files.rbegin(); next != plan.files.rend(); ++next) {
+        std::string path = plain_path(next->first);
+        std::string directory = directory_of(path);
+        if (paths.empty() || directory != last) {
+            last = directory;
+            add_with_parents(paths, std::move(directory));
+        }
+        paths.push_back({std::move(path), &next->second});
     }
-    std::vector<std::string> paths(found.begin(), found.end());
+    std::stable_sort(paths.begin(), paths.end(), comes_before);
+    paths.erase(std::unique(paths.begin(), paths.end(), is_same), paths.end());
     paths.erase(std::remove_if(paths.begin(), paths.end(), ends_in_parent), paths.end());
-    std::sort(paths.begin(), paths.end());
     return paths;
 }
 

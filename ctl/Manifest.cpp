@@ -1,9 +1,9 @@
 #include "ctl/Manifest.h"
 
+#include "app/InstallPlan.h"
 #include "app/SiteUser.h"
 #include "app/TargetDirectories.h"
 #include "ctl/Digest.h"
-#include "ctl/InstalledPaths.h"
 #include "ctl/TreeWalk.h"
 #include "ctl/Trouble.h"
 
@@ -17,8 +17,8 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <map>
 #include <sstream>
+#include <string_view>
 #include <unordered_set>
 
 namespace tarvik::ctl {
@@ -38,83 +38,43 @@ std::string owner_name(uid_t user)
     return entry == nullptr ? std::to_string(user) : entry->pw_name;
 }
 
-TDescriptor open_tree(const std::string& directory)
+std::vector<std::string> paths_of(const std::vector<RecordedFile>& files)
 {
-    TDescriptor tree(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!tree && errno != ENOENT && errno != ENOTDIR && errno != ELOOP)
-        throw Trouble(directory + ": " + std::strerror(errno));
-    return tree;
+    std::vector<std::string> paths;
+    paths.reserve(files.size());
+    for (const RecordedFile& file : files)
+        paths.push_back(file.path);
+    return paths;
 }
 
 /// Compares one tree.
 class Comparison {
 public:
-    Comparison(const std::string& directory, const Release& release)
-        : directory_(directory), release_(release), tree_(open_tree(directory)), chain_(tree_.get())
+    Comparison(const std::string& directory, const Release& release,
+               const PackageSources* sources = nullptr)
+        : directory_(directory), release_(release),
+          present_(look_at_installed(directory, paths_of(release.files), sources))
     {
+        for (std::size_t i = 0; i < present_.size(); ++i)
+            compare_kind(release_.files[i], present_[i]);
+        for (std::size_t i = 0; i < present_.size(); ++i)
+            compare_content(release_.files[i], present_[i]);
     }
 
-    std::vector<Difference> run(const std::vector<std::string>& ignored)
-    {
-        for (const RecordedFile& file : release_.files)
-            examine(file);
-        compare_contents();
-        if (tree_)
-            find_extra(ignored);
-        return std::move(found_);
-    }
-
-private:
-    void examine(const RecordedFile& file)
-    {
-        struct stat status;
-        if (!look_up(file.path, status))
-            return add("missing", "", file.path);
-        if (S_ISDIR(status.st_mode) != file.directory
-            || (!file.directory && !S_ISREG(status.st_mode)))
-            return add("type", file.directory ? "is no directory" : "is no file", file.path);
-        const mode_t mode = status.st_mode & kModeBits;
-        if (mode != file.mode)
-            add("mode", octal(file.mode) + " -> " + octal(mode), file.path);
-        if (status.st_uid != ::geteuid())
-            add("owner", owner_name(status.st_uid), file.path);
-        if (!file.directory)
-            files_.push_back(&file);
-    }
-
-    bool look_up(const std::string& path, struct stat& status)
-    {
-        if (!tree_)
-            return false;
-        if (path.empty())
-            return ::fstat(tree_.get(), &status) == 0;
-        const int parent = chain_.at(parent_path(path));
-        return parent >= 0
-            && ::fstatat(parent, last_name(path).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    }
-
-    void compare_contents()
-    {
-        std::vector<std::string> paths;
-        for (const RecordedFile* file : files_)
-            paths.push_back(file->path);
-        const std::vector<Digest> read = digests(directory_, paths);
-        for (std::size_t i = 0; i < read.size(); ++i) {
-            if (read[i].error != 0)
-                add("unreadable", std::strerror(read[i].error), paths[i]);
-            else if (read[i].sha256 != files_[i]->sha256)
-                add("changed", "", paths[i]);
-        }
-    }
+    std::vector<Difference> take() { return std::move(found_); }
 
     void find_extra(const std::vector<std::string>& ignored)
     {
         const WritableArea writable(release_);
         std::unordered_set<std::string> known(ignored.begin(), ignored.end());
-        std::unordered_set<std::string> ours;
+        std::unordered_set<std::string_view> ours;
         for (const RecordedFile& file : release_.files)
             ours.insert(file.path);
-        walk_tree(tree_.get(), "",
+        const TDescriptor tree(
+            ::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!tree)
+            return;
+        walk_tree(tree.get(), "",
                   {[&](const TreeEntry& entry) {
                        if (known.count(entry.path) != 0)
                            return false;
@@ -126,11 +86,56 @@ private:
                        return false;
                    },
                    {},
-                   {},
+                   [&](const std::string& path, EntryType type) {
+                       return type == EntryType::Regular && ours.count(path) != 0;
+                   },
                    [&](const std::string& path, int error) {
                        if (!writable.has(path))
                            add("unreadable", std::strerror(error), path);
                    }});
+    }
+
+    /// What has been read tells of the package what it is the same as; only the rest is read.
+    bool package_is_as_recorded(const PackageSources& sources) const
+    {
+        std::vector<std::string> paths;
+        std::vector<const RecordedFile*> files;
+        for (std::size_t i = 0; i < present_.size(); ++i) {
+            const RecordedFile& file = release_.files[i];
+            if (present_[i].isSource && present_[i].sha256 == file.sha256)
+                continue;
+            paths.push_back(sources.paths[i]);
+            files.push_back(&file);
+        }
+        const std::vector<Digest> read = digests(sources.directory, paths);
+        return std::equal(read.begin(), read.end(), files.begin(),
+                          [](const Digest& digest, const RecordedFile* file) {
+                              return digest.sha256 == file->sha256;
+                          });
+    }
+
+private:
+    void compare_kind(const RecordedFile& file, const InstalledFile& present)
+    {
+        if (present.mode == 0)
+            return add("missing", "", file.path);
+        if (S_ISDIR(present.mode) != file.directory || !(file.directory || S_ISREG(present.mode)))
+            return add("type", file.directory ? "is no directory" : "is no file", file.path);
+        const mode_t mode = present.mode & kModeBits;
+        if (mode != file.mode)
+            add("mode", octal(file.mode) + " -> " + octal(mode), file.path);
+        if (present.owner != ::geteuid())
+            add("owner", owner_name(present.owner), file.path);
+    }
+
+    void compare_content(const RecordedFile& file, const InstalledFile& present)
+    {
+        if (file.directory || !S_ISREG(present.mode))
+            return;
+        if (present.error != 0)
+            add("unreadable", std::strerror(present.error), file.path);
+        else if (present.sha256 != file.sha256)
+            add("changed", "", file.path);
     }
 
     void add(const char* kind, std::string detail, const std::string& path)
@@ -140,9 +145,7 @@ private:
 
     const std::string& directory_;
     const Release& release_;
-    const TDescriptor tree_;
-    DirectoryChain chain_;
-    std::vector<const RecordedFile*> files_;
+    const std::vector<InstalledFile> present_;
     std::vector<Difference> found_;
 };
 
@@ -164,26 +167,19 @@ std::vector<std::string> keys(const std::vector<std::string>& paths)
     return result;
 }
 
-}  // namespace
-
-std::vector<RecordedFile> planned_files(const InstallPlan& plan)
+/// In writable mappings the site makes files its own.
+bool is_fault(const Difference& difference, const WritableArea& theirs)
 {
-    std::vector<RecordedFile> files;
-    for (const std::string& path : installed_paths(plan))
-        files.push_back({path, false, 0, ""});
-    return files;
+    const std::string_view kind = difference.kind;
+    return kind == "missing" || kind == "type" || !theirs.has(difference.path);
 }
 
-std::string package_digests(const PackageSource& package, const InstallPlan& plan)
+}  // namespace
+
+std::string package_digests(const PackageSources& sources)
 {
-    std::map<std::string, std::string> sources;
-    for (const auto& [target, file] : plan.files)
-        sources[plain_path(target)] = file.sourcePath;
-    std::vector<std::string> paths;
-    for (const std::string& path : installed_paths(plan))
-        paths.push_back(sources[path].empty() ? "." : sources[path]);
     std::string lines;
-    for (const Digest& digest : digests(package.directory, paths))
+    for (const Digest& digest : digests(sources.directory, sources.paths))
         lines.append(digest.sha256) += '\n';
     return lines;
 }
@@ -191,31 +187,21 @@ std::string package_digests(const PackageSource& package, const InstallPlan& pla
 std::string installed_modes(const std::vector<RecordedFile>& files, const std::string& directory,
                             const std::string& digests, const std::vector<std::string>& changed)
 {
-    const TDescriptor tree = open_tree(directory);
-    DirectoryChain chain(tree.get());
+    const std::unordered_set<std::string_view> theirs(changed.begin(), changed.end());
+    const std::vector<InstalledFile> present = look_at_installed(directory, paths_of(files));
     std::istringstream lines(digests);
     std::string modes;
-    std::vector<std::string> paths;
-    std::vector<std::string> wanted;
-    for (const RecordedFile& file : files) {
-        struct stat status;
-        const int parent = tree ? chain.at(parent_path(file.path)) : -1;
-        const std::string name = file.path.empty() ? "." : last_name(file.path);
-        if (parent < 0 || ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-            throw Trouble(directory + "/" + file.path + ": " + std::strerror(errno));
-        modes += std::to_string(status.st_mode) + '\n';
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const auto& [path, isDirectory, mode, sha256] = files[i];
+        const InstalledFile& found = present[i];
         std::string digest;
         std::getline(lines, digest);
-        if (!S_ISDIR(status.st_mode)
-            && std::find(changed.begin(), changed.end(), file.path) == changed.end()) {
-            paths.push_back(file.path);
-            wanted.push_back(std::move(digest));
-        }
-    }
-    const std::vector<Digest> found = ctl::digests(directory, paths);
-    for (std::size_t i = 0; i < found.size(); ++i) {
-        if (found[i].sha256.empty() || found[i].sha256 != wanted[i])
-            throw Trouble(paths[i] + " was not installed as the package has it");
+        if (found.mode == 0)
+            throw Trouble(directory + "/" + path + ": " + std::strerror(found.error));
+        if (!S_ISDIR(found.mode) && theirs.count(path) == 0
+            && (found.sha256.empty() || found.sha256 != digest))
+            throw Trouble(path + " was not installed as the package has it");
+        modes += std::to_string(found.mode) + '\n';
     }
     return modes;
 }
@@ -239,7 +225,20 @@ void complete_files(std::vector<RecordedFile>& files, const std::string& digests
 std::vector<Difference> differences(const std::string& directory, const Release& release,
                                     const std::vector<std::string>& ignored)
 {
-    return Comparison(directory, release).run(ignored);
+    Comparison comparison(directory, release);
+    comparison.find_extra(ignored);
+    return comparison.take();
+}
+
+bool is_as_package_has_it(const std::string& directory, const Release& release,
+                          const PackageSources& sources)
+{
+    Comparison comparison(directory, release, &sources);
+    const WritableArea theirs(release);
+    const std::vector<Difference> found = comparison.take();
+    return std::none_of(found.begin(), found.end(),
+                        [&](const Difference& difference) { return is_fault(difference, theirs); })
+        && comparison.package_is_as_recorded(sources);
 }
 
 WritableArea::WritableArea(const Release& release)

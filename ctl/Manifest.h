@@ -1,7 +1,6 @@
 #pragma once
 
-#include "app/InstallPlan.h"
-#include "ctl/Package.h"
+#include "ctl/InstalledFiles.h"
 #include "ctl/Record.h"
 
 #include <string>
@@ -11,12 +10,9 @@
 /// site's user.
 namespace tarvik::ctl {
 
-/// @return what a plan installs, as far as it tells: the paths.
-std::vector<RecordedFile> planned_files(const InstallPlan& plan);
-
-/// @return for each planned file the digest of what the package has for it, a line each; an empty
+/// @return for each of the paths the digest of what the package has for it, a line each; an empty
 /// one where that is no file.
-std::string package_digests(const PackageSource& package, const InstallPlan& plan);
+std::string package_digests(const PackageSources& sources);
 
 /**
  * Looks at what was installed.
@@ -48,6 +44,14 @@ struct Difference {
  */
 std::vector<Difference> differences(const std::string& directory, const Release& release,
                                     const std::vector<std::string>& ignored);
+
+/**
+ * @param sources  what the package has for each of the release's paths.
+ * @return whether what was installed in a tree is all there, and the package still has the same.
+ * The site may have changed what is its own to change, and added to it.
+ */
+bool is_as_package_has_it(const std::string& directory, const Release& release,
+                          const PackageSources& sources);
 
 /// Tells what is inside the writable mappings of an installation: mappings that are not writable,
 /// nested in them, are not.

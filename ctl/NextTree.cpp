@@ -5,11 +5,10 @@
 #include "ctl/Child.h"
 #include "ctl/Digest.h"
 
-#include <boost/algorithm/string.hpp>
-
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 namespace tarvik::ctl {
@@ -55,11 +54,10 @@ Names changed_by_site(const Site& site, const std::string& tree, const Release& 
     Names changed;
     if (files.empty())
         return changed;
-    const std::string text = ask_as(site.userName, [&] {
-        return boost::join(changed_files(tree, files), std::string(1, '\0'));
-    });
-    if (!text.empty())
-        boost::split(changed, text, [](char byte) { return byte == '\0'; });
+    const std::string text =
+        ask_as(site.userName, [&] { return joined(changed_files(tree, files)); });
+    for (std::string& path : split(text))
+        changed.insert(std::move(path));
     return changed;
 }
 

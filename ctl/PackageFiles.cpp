@@ -124,16 +124,17 @@ private:
         if (std::find(std::begin(kOwnParts), std::end(kOwnParts), file.sourcePath)
             != std::end(kOwnParts))
             findings_.warning(where, "is put on the site, where every visitor may read it");
-        check_kind(where, join(directory_, file.sourcePath));
+        check_kind(where,
+                   sources_.at(path_.assign(directory_).append("/").append(file.sourcePath)));
     }
 
-    void check_kind(const std::string& where, const std::string& path)
+    void check_kind(const std::string& where, const PathAt& at)
     {
         struct stat status;
-        if (::lstat(path.c_str(), &status) != 0)
+        if (::fstatat(at.directory, at.name, &status, AT_SYMLINK_NOFOLLOW) != 0)
             return findings_.error(where, std::string("cannot be examined: ") + strerror(errno));
         const bool link = S_ISLNK(status.st_mode);
-        if (link && ::stat(path.c_str(), &status) != 0)
+        if (link && ::fstatat(at.directory, at.name, &status, 0) != 0)
             return findings_.error(where,
                                    std::string("is a link that leads nowhere: ") + strerror(errno));
         if (S_ISDIR(status.st_mode) && link)
@@ -149,6 +150,8 @@ private:
     const std::string& directory_;
     Findings& findings_;
     Access access_;
+    std::string path_;  ///< written over what was allocated for the last one
+    LastDirectory sources_;
 };
 
 /// @return the start of a file, at most up to the end of its first line; empty for what is none.

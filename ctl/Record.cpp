@@ -276,21 +276,4 @@ std::vector<RecordedFile> files_from(const std::string& text)
     });
 }
 
-std::string release_text(const Release& release)
-{
-    return with_json("a release cannot be told", [&release] {
-        return Json(release).dump() + '\0' + files_text(release.files);
-    });
-}
-
-Release release_from(const std::string& text)
-{
-    return with_json("a release was not told", [&text] {
-        const std::size_t end = text.find('\0');  // which JSON does not hold
-        Release release = Json::parse(text.substr(0, end)).get<Release>();
-        release.files = files_from(text.substr(end + 1));
-        return release;
-    });
-}
-
 }  // namespace tarvik::ctl

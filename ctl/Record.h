@@ -95,8 +95,4 @@ InstanceRecord record_from(const std::string& text);
 std::string files_text(const std::vector<RecordedFile>& files);
 std::vector<RecordedFile> files_from(const std::string& text);
 
-/// A release with its files, for what one process tells another.
-std::string release_text(const Release& release);
-Release release_from(const std::string& text);
-
 }  // namespace tarvik::ctl

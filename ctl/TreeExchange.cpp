@@ -137,11 +137,11 @@ void exchange_trees(const InstanceRecord& record, const std::string& other)
     Question exchanger(site.userName, [&] {
         if (told_to_go()) {
             files.take_own();
-            say_done();
+            say("");
         }
         if (told_to_go()) {
             exchange_names(appDir, other);
-            say_done();
+            say("");
         }
         return std::string();
     });
@@ -150,12 +150,16 @@ void exchange_trees(const InstanceRecord& record, const std::string& other)
         const TDescriptor to = open_place(other);
         while (told_to_go()) {
             files.take_web_servers(from.get(), to.get());
-            say_done();
+            say("");
         }
         return std::string();
     });
-    if (exchanger.step() && looker.step() && exchanger.step()) {
-        static_cast<void>(looker.step());  // if it fails, all is looked through later
+    const auto step = [](Question& question) {
+        question.go();
+        return question.hear().has_value();
+    };
+    if (step(exchanger) && step(looker) && step(exchanger)) {
+        static_cast<void>(step(looker));  // if it fails, all is looked through later
         return;
     }
     static_cast<void>(looker.answer());

@@ -94,25 +94,6 @@ bool is_refusal(int error)
 
 using Paths = std::vector<std::string>;
 
-std::string joined(const Paths& paths)
-{
-    std::string text;
-    for (const std::string& path : paths)
-        text.append(path) += '\0';
-    return text;
-}
-
-Paths split(const std::string& text)
-{
-    Paths paths;
-    for (std::size_t start = 0; start < text.size();) {
-        const std::size_t end = text.find('\0', start);
-        paths.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return paths;
-}
-
 }  // namespace
 
 void Takeover::take(const std::string& path)

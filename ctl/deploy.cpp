@@ -44,42 +44,27 @@ bool parse(int argc, char** argv, Words& words)
     return line.parse(argc, argv);
 }
 
-/// A deployment that has been recorded.
-struct Begun {
-    InstanceRecord record;
-    bool before;  ///< by a run that did not finish: it may have left something in the site
-};
-
-Begun begin(const Words& words, const std::string& name, const Site& site)
+/// @return whether a run that did not finish has begun it: it may have left something in the site.
+/// @throws Trouble when the name stands for something else.
+bool was_begun(const std::string& name, const Site& site)
 {
-    std::optional<InstanceRecord> known = find_instance(name);
+    const std::optional<InstanceRecord> known = find_instance(name);
     if (known && known->state != State::Deploying)
         throw Trouble("instance " + name + " is recorded as " + state_name(known->state));
     if (known && known->site.application_dir() != site.application_dir())
         throw Trouble("instance " + name + " is being deployed to "
                       + known->site.application_dir());
-    if (!words.force)
-        require_feasible(words.package, site, words.options);
-    InstanceRecord record;
-    record.name = name;
-    record.site = site;
-    record.current = Planning(words.package, site, words.options).release();
-    if (known)
-        save(record);
-    else
-        save_new(record);
-    return {record, known.has_value()};
+    return known.has_value();
 }
 
 /// @throws Trouble with nothing recorded any more, where nothing is left in the site.
-void extract_or_forget(const Begun& begun, const PackageSource& package)
+void extract_or_forget(const InstanceRecord& record, bool begunBefore, const PackageSource& package)
 {
-    const InstanceRecord& record = begun.record;
     const DeployOptions& options = record.current.options;
     const int status = extract(package, record.site, options.skipWebserverWrite);
     if (status == 0)
         return;
-    if (status != 1 || begun.before)
+    if (status != 1 || begunBefore)
         throw Trouble("zendrel ended with status " + std::to_string(status)
                       + "; the same command goes on");
     forget(record.name);
@@ -101,11 +86,21 @@ int deploy(int argc, char** argv)
     const std::string name =
         words.site.instance.empty() ? usual_instance_name(site) : words.site.instance;
     const InstanceLock lock(name, argv[0], words.wait);
-    Begun begun = begin(words, name, site);
-    InstanceRecord& record = begun.record;
-    ReleaseCompletion completion(words.package, site);
-    extract_or_forget(begun, words.package);
-    completion.complete(record.current, site, {});
+    const bool begunBefore = was_begun(name, site);
+    if (!words.force)
+        require_feasible(words.package, site, words.options);
+    Planning planning(words.package, site, words.options);
+    InstanceRecord record;
+    record.name = name;
+    record.site = site;
+    record.current = planning.release();
+    planning.read_package();
+    if (begunBefore)
+        save(record);
+    else
+        save_new(record);
+    extract_or_forget(record, begunBefore, words.package);
+    complete(record.current, site, planning.digests(), {});
     save(record);
     if (words.options.script)
         run_release_script(record.current, site, "install");

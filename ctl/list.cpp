@@ -56,12 +56,14 @@ int list(int argc, char** argv)
         return kDone;
 
     package = settled(package);
-    std::vector<std::string> paths =
-        installed_paths(plan_install(package.directory, "", read_metadata(package)));
-    if (!other.empty()) {
-        const std::unordered_set<std::string> listed = listed_paths(other);
-        const auto is_listed = [&](const std::string& path) { return listed.count(path) != 0; };
-        paths.erase(std::remove_if(paths.begin(), paths.end(), is_listed), paths.end());
+    const InstallPlan plan = plan_install(package.directory, "", read_metadata(package));
+    std::unordered_set<std::string> listed;
+    if (!other.empty())
+        listed = listed_paths(other);
+    std::vector<std::string> paths;
+    for (InstalledPath& installed : installed_paths(plan)) {
+        if (listed.count(installed.path) == 0)
+            paths.push_back(std::move(installed.path));
     }
     std::cout << instance_list(paths);
     return kDone;

@@ -69,27 +69,27 @@ DeployOptions next_options(const Words& words, const InstanceRecord& record)
 }
 
 /// Makes the tree to come. @throws Trouble with the running one as it was.
-void prepare(InstanceRecord& record, const Words& words, Release next)
+void prepare(InstanceRecord& record, const Words& words, Release next, Planning& planning)
 {
     const Site copy = beside(record.site, record.exchange->directory);
-    ReleaseCompletion completion(words.package, copy);
     const Pending pending = copy_beside(record, next);
     if (extract(words.package, copy, next.options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted; the running application is as it was");
     complete_copy(record, pending);
-    completion.complete(next, copy, pending.changed);
+    complete(next, copy, planning.digests(), pending.changed);
     if (next.options.script)
         run_release_script(next, copy, "upgrade");
     record.exchange->release = std::move(next);
 }
 
-void upgrade_by_exchange(InstanceRecord& record, const Words& words, const Release& next)
+void upgrade_by_exchange(InstanceRecord& record, const Words& words, const Release& next,
+                         Planning& planning)
 {
     require_exchangeable(record.site);
     record.exchange = begun_exchange(record, "upgrade", next_name(location_of(record.site).name));
     save(record);
     try {
-        prepare(record, words, next);
+        prepare(record, words, next, planning);
         exchange(record);
     } catch (...) {
         settle_exchange(record);
@@ -122,12 +122,11 @@ void delete_stale(const InstanceRecord& record, const Release& next)
         throw Trouble("files of the old release were not removed; the same command goes on");
 }
 
-void upgrade_in_place(InstanceRecord& record, const Words& words, Release next)
+void upgrade_in_place(InstanceRecord& record, const Words& words, Release next, Planning& planning)
 {
-    ReleaseCompletion completion(words.package, record.site);
     if (extract(words.package, record.site, next.options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted");
-    completion.complete(next, record.site, {});
+    complete(next, record.site, planning.digests(), {});
     delete_stale(record, next);
     if (next.options.script)
         run_release_script(next, record.site, "upgrade");
@@ -142,14 +141,16 @@ bool is_of_one_package(const Release& a, const Release& b)
 
 /// @param settled  whether a killed run has just been brought to its end: it may have been this
 /// one.
-void upgrade_to(InstanceRecord& record, const Words& words, const Release& next, bool settled)
+void upgrade_to(InstanceRecord& record, const Words& words, const Release& next, Planning& planning,
+                bool settled)
 {
+    planning.read_package();
     if (words.inPlace && !words.force)
         require_feasible(words.package, record.site, next.options);
     if (words.inPlace)
-        upgrade_in_place(record, words, next);
+        upgrade_in_place(record, words, next, planning);
     else if (!settled || !is_of_one_package(record.current, next))
-        upgrade_by_exchange(record, words, next);
+        upgrade_by_exchange(record, words, next, planning);
 }
 
 }  // namespace
@@ -160,8 +161,6 @@ int upgrade(int argc, char** argv)
     if (!parse(argc, argv, words))
         return kDone;
     words.package = settled(words.package);
-    if (!words.force)
-        require_sound(words.package);
     LockedInstance instance(words.site, argv[0], words.wait);
     InstanceRecord& record = instance.record();
     const std::string& name = record.name;
@@ -169,13 +168,15 @@ int upgrade(int argc, char** argv)
         throw Trouble("instance " + name + " is recorded as " + state_name(record.state));
     const std::string before = full_version(record.current);
     Planning planning(words.package, record.site, next_options(words, record));
+    if (!words.force)
+        require_sound(words.package);
     load_files(name, record.current);
     const Release next = planning.release();
     const bool settled = settle_exchange(record);
-    const bool done =
-        !words.force && !words.script && is_installed_already(record.current, next, record.site);
+    const bool done = !words.force && !words.script
+        && is_installed_already(record.current, next, record.site, planning.sources());
     if (!done)
-        upgrade_to(record, words, next, settled);
+        upgrade_to(record, words, next, planning, settled);
     configure_apache(record.current, record.site);
     if (!words.inPlace)
         drop_kept(record, words.keep);
