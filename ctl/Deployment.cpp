@@ -1,6 +1,7 @@
 #include "ctl/Deployment.h"
 
 #include "app/InstallPlan.h"
+#include "app/SiteUser.h"
 #include "ctl/Child.h"
 #include "ctl/InstalledPaths.h"
 #include "ctl/Manifest.h"
@@ -11,6 +12,8 @@
 #include "ctl/Trouble.h"
 
 #include <boost/algorithm/string/replace.hpp>
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -121,9 +124,14 @@ Planning::Planning(const PackageSource& package, const Site& site, const DeployO
           say(joined(sources_));
           say(joined(below(appDir, plan.writableDirs)));
           say(joined(below(appDir, plan.otherDirs)));
-          return told_to_go() ? package_digests(sources()) : "";
+          return std::string();
       })
 {
+}
+
+std::string Planning::full_version() const
+{
+    return metadata_.name() + " " + metadata_.version() + "-" + metadata_.release();
 }
 
 Release Planning::release()
@@ -134,6 +142,7 @@ Release Planning::release()
     sources_ = told();
     release.writableDirs = told();
     release.otherDirs = told();
+    static_cast<void>(question_.answer());
     release.name = metadata_.name();
     release.version = metadata_.version();
     release.release = metadata_.release();
@@ -149,13 +158,25 @@ std::vector<std::string> Planning::told()
     return split(text ? *text : question_.answer());  // which throws what was wrong
 }
 
-void complete(Release& release, const Site& site, const std::string& digests,
+void complete(Release& release, const Site& site, const PackageSources& sources,
               const std::vector<std::string>& changed)
 {
-    const std::string modes = ask_as(site.userName, [&] {
-        return installed_modes(release.files, site.application_dir(), digests, changed);
-    });
-    complete_files(release.files, digests, modes);
+    const std::vector<std::string> told = split(ask_as(site.userName, [&] {
+        std::vector<std::string> texts;
+        for (InstalledFile& file :
+             installed_files(release.files, site.application_dir(), sources, changed)) {
+            texts.push_back(std::to_string(file.mode));
+            texts.push_back(std::move(file.sha256));
+        }
+        return joined(texts);
+    }));
+    auto next = told.begin();
+    for (RecordedFile& file : release.files) {
+        const auto mode = static_cast<mode_t>(std::stoul(*next++));
+        file.directory = S_ISDIR(mode);
+        file.mode = mode & kModeBits;
+        file.sha256 = *next++;
+    }
     release.filesId.clear();
 }
 

@@ -18,20 +18,16 @@ void require_sound(const PackageSource& package);
 /// Refuses an extraction that is known to fail; why is reported on standard error. @throws Trouble
 void require_feasible(const PackageSource& package, const Site& site, const DeployOptions& options);
 
-/// What an installation will put where, found out while this process goes on; and what the package
-/// has for it, which is read meanwhile.
+/// What an installation will put where, found out while this process goes on.
 class Planning {
 public:
     Planning(const PackageSource& package, const Site& site, const DeployOptions& options);
-    /// To be asked for once, and first. @throws Trouble when the plan fails, as the extraction
-    /// would.
+    /// @return name, version and release in one, which are known at once.
+    std::string full_version() const;
+    /// To be asked for once. @throws Trouble when the plan fails, as the extraction would.
     Release release();
-    /// @return what the package has for each of the release's paths.
+    /// @return what the package has for each of the release's paths; for asking after the release.
     PackageSources sources() const { return {packageDir_, sources_}; }
-    /// Begins with that.
-    void read_package() { question_.go(); }
-    /// @return what came of it, as `package_digests` has it. To be asked for once. @throws Trouble
-    std::string digests() { return question_.answer(); }
 
 private:
     std::vector<std::string> told();
@@ -45,11 +41,11 @@ private:
 
 /**
  * Completes a planned release, and looks whether the installation has done what it should.
- * @param site  where it was installed. @param digests  those of the package. @param changed  paths
- *        where the site has content of its own.
+ * @param site     where it was installed. @param sources  what the package has for it.
+ * @param changed  paths where the site has content of its own.
  * @throws Trouble
  */
-void complete(Release& release, const Site& site, const std::string& digests,
+void complete(Release& release, const Site& site, const PackageSources& sources,
               const std::vector<std::string>& changed);
 
 /**

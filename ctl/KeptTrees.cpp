@@ -5,6 +5,7 @@
 #include "ctl/Child.h"
 #include "ctl/InstanceStore.h"
 #include "ctl/Output.h"
+#include "ctl/SideBySide.h"
 #include "ctl/TreeWalk.h"
 #include "ctl/Trouble.h"
 #include "ctl/commands.h"
@@ -17,6 +18,7 @@
 #include <cerrno>
 #include <cstring>
 #include <set>
+#include <vector>
 
 namespace tarvik::ctl {
 
@@ -24,22 +26,50 @@ namespace {
 
 constexpr int kPlace = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-void remove_entry(const TreeEntry& entry)
-{
-    const bool directory = S_ISDIR(entry.status.st_mode);
-    static_cast<void>(::unlinkat(entry.directory, entry.name, directory ? AT_REMOVEDIR : 0));
-}
+/// Removes entries of a tree, what this user may of them.
+class Remover {
+public:
+    explicit Remover(int tree) : chain_(tree) { }
+
+    void remove(const std::string& path, int flags)
+    {
+        const int parent = chain_.at(parent_path(path));
+        if (parent >= 0)
+            static_cast<void>(::unlinkat(parent, last_name(path).c_str(), flags));
+    }
+
+private:
+    DirectoryChain chain_;
+};
 
 /// Removes what this user may.
 void empty_tree(int tree)
 {
+    std::vector<std::string> files;
+    std::vector<std::string> directories;  // after what is in them
+    const auto takeFile = [&](const std::string& path, bool isFile) {
+        if (isFile)
+            files.push_back(path);
+        return isFile;
+    };
     walk_tree(tree, "",
-              {[](const TreeEntry& entry) {
-                   if (!S_ISDIR(entry.status.st_mode))
-                       remove_entry(entry);
-                   return true;
+              {[&](const TreeEntry& entry) {
+                   return !takeFile(entry.path, !S_ISDIR(entry.status.st_mode));
                },
-               remove_entry});
+               [&](const TreeEntry& entry) { directories.push_back(entry.path); },
+               [&](const std::string& path, EntryType type) {
+                   return takeFile(path, type == EntryType::Regular || type == EntryType::Other);
+               }});
+    side_by_side("Removing", files.size(), [&](Pieces& pieces) {
+        Remover remover(tree);
+        for (std::size_t begin, end; pieces.take(begin, end);) {
+            for (; begin < end; ++begin)
+                remover.remove(files[begin], 0);
+        }
+    });
+    Remover remover(tree);
+    for (const std::string& path : directories)
+        remover.remove(path, AT_REMOVEDIR);
 }
 
 /// @return whether the tree has gone, as far as this user can see.

@@ -176,50 +176,30 @@ bool is_fault(const Difference& difference, const WritableArea& theirs)
 
 }  // namespace
 
-std::string package_digests(const PackageSources& sources)
-{
-    std::string lines;
-    for (const Digest& digest : digests(sources.directory, sources.paths))
-        lines.append(digest.sha256) += '\n';
-    return lines;
-}
-
-std::string installed_modes(const std::vector<RecordedFile>& files, const std::string& directory,
-                            const std::string& digests, const std::vector<std::string>& changed)
+std::vector<InstalledFile> installed_files(const std::vector<RecordedFile>& files,
+                                           const std::string& directory,
+                                           const PackageSources& sources,
+                                           const std::vector<std::string>& changed)
 {
     const std::unordered_set<std::string_view> theirs(changed.begin(), changed.end());
-    const std::vector<InstalledFile> present = look_at_installed(directory, paths_of(files));
-    std::istringstream lines(digests);
-    std::string modes;
+    std::vector<InstalledFile> installed = look_at_installed(directory, paths_of(files), &sources);
+    std::vector<std::size_t> numbers;
+    std::vector<std::string> paths;
     for (std::size_t i = 0; i < files.size(); ++i) {
-        const auto& [path, isDirectory, mode, sha256] = files[i];
-        const InstalledFile& found = present[i];
-        std::string digest;
-        std::getline(lines, digest);
-        if (found.mode == 0)
-            throw Trouble(directory + "/" + path + ": " + std::strerror(found.error));
-        if (!S_ISDIR(found.mode) && theirs.count(path) == 0
-            && (found.sha256.empty() || found.sha256 != digest))
+        const std::string& path = files[i].path;
+        if (installed[i].mode == 0)
+            throw Trouble(directory + "/" + path + ": " + std::strerror(installed[i].error));
+        if (S_ISDIR(installed[i].mode) || installed[i].isSource)
+            continue;
+        if (theirs.count(path) == 0)
             throw Trouble(path + " was not installed as the package has it");
-        modes += std::to_string(found.mode) + '\n';
+        numbers.push_back(i);
+        paths.push_back(sources.paths[i]);
     }
-    return modes;
-}
-
-void complete_files(std::vector<RecordedFile>& files, const std::string& digests,
-                    const std::string& modes)
-{
-    std::istringstream digest_lines(digests);
-    std::istringstream mode_lines(modes);
-    for (RecordedFile& file : files) {
-        mode_t mode = 0;
-        mode_lines >> mode;
-        file.directory = S_ISDIR(mode);
-        file.mode = mode & kModeBits;
-        std::getline(digest_lines, file.sha256);
-        if (file.directory)
-            file.sha256.clear();
-    }
+    std::vector<Digest> read = digests(sources.directory, paths);
+    for (std::size_t i = 0; i < read.size(); ++i)
+        installed[numbers[i]].sha256 = std::move(read[i].sha256);
+    return installed;
 }
 
 std::vector<Difference> differences(const std::string& directory, const Release& release,

@@ -10,23 +10,17 @@
 /// site's user.
 namespace tarvik::ctl {
 
-/// @return for each of the paths the digest of what the package has for it, a line each; an empty
-/// one where that is no file.
-std::string package_digests(const PackageSources& sources);
-
 /**
  * Looks at what was installed.
- * @param directory  the tree. @param digests  those of the package.
- * @param changed  paths whose content is the site's own, whatever the package has.
- * @return for each planned file its mode with its kind, a line each.
+ * @param directory  the tree. @param sources  what the package has for each planned file.
+ * @param changed    paths whose content is the site's own, whatever the package has.
+ * @return what is there, for each planned file; the digests are those of the package.
  * @throws Trouble when something planned is not there, or is not what the package has.
  */
-std::string installed_modes(const std::vector<RecordedFile>& files, const std::string& directory,
-                            const std::string& digests, const std::vector<std::string>& changed);
-
-/// Completes what was planned by what was found out.
-void complete_files(std::vector<RecordedFile>& files, const std::string& digests,
-                    const std::string& modes);
+std::vector<InstalledFile> installed_files(const std::vector<RecordedFile>& files,
+                                           const std::string& directory,
+                                           const PackageSources& sources,
+                                           const std::vector<std::string>& changed);
 
 /// What is not as it was recorded.
 struct Difference {

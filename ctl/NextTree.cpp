@@ -15,15 +15,6 @@ namespace tarvik::ctl {
 
 namespace {
 
-std::unordered_set<std::string_view> names_of(const Release& release)
-{
-    std::unordered_set<std::string_view> names;
-    names.reserve(release.files.size());
-    for (const RecordedFile& file : release.files)
-        names.insert(file.path);
-    return names;
-}
-
 /// Compares as the site's user. @return the paths of those that are another content by now.
 std::vector<std::string> changed_files(const std::string& tree,
                                        const std::vector<const RecordedFile*>& files)
@@ -62,7 +53,7 @@ Names changed_by_site(const Site& site, const std::string& tree, const Release& 
 }
 
 NextTree::NextTree(const Release& old, const Release& next, const Names& changed)
-    : old_(names_of(old)), next_(names_of(next)), changed_(changed), area_(next),
+    : old_(by_path(old)), next_(by_path(next)), changed_(changed), area_(next),
       script_(next.options.script), widens_(!next.options.skipWebserverWrite)
 {
 }
@@ -71,10 +62,28 @@ Take NextTree::decide(const std::string& path, const struct stat& status) const
 {
     const bool stale = old_.count(path) != 0 && next_.count(path) == 0;
     if (S_ISDIR(status.st_mode))
-        return stale ? Take::IfNeeded : Take::Link;
+        return stale || will_be_made_again(path, status) ? Take::IfNeeded : Take::Link;
     if (is_brought(path) || (stale && changed_.count(path) == 0))
         return Take::Skip;
     return would_be_touched(path, status) ? Take::Copy : Take::Link;
+}
+
+NextTree::Files NextTree::by_path(const Release& release)
+{
+    Files files;
+    files.reserve(release.files.size());
+    for (const RecordedFile& file : release.files)
+        files.emplace(file.path, &file);
+    return files;
+}
+
+/// An installation is quicker where it makes the directories itself. What the site has done to
+/// their modes has to be taken over.
+bool NextTree::will_be_made_again(const std::string& path, const struct stat& status) const
+{
+    const auto before = old_.find(path);
+    return before != old_.end() && next_.count(path) != 0 && before->second->directory
+        && before->second->mode == (status.st_mode & kModeBits) && status.st_uid == ::geteuid();
 }
 
 bool NextTree::is_brought(const std::string& path) const

@@ -8,6 +8,7 @@
 
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 /// What of one tree of an instance goes into another one that takes its place.
@@ -40,7 +41,13 @@ public:
 private:
     bool would_be_touched(const std::string& path, const struct stat& status) const;
 
-    std::unordered_set<std::string_view> old_, next_;
+    /// By their paths, borrowed.
+    using Files = std::unordered_map<std::string_view, const RecordedFile*>;
+
+    static Files by_path(const Release& release);
+    bool will_be_made_again(const std::string& path, const struct stat& status) const;
+
+    Files old_, next_;
     const Names& changed_;
     WritableArea area_;
     bool script_, widens_;

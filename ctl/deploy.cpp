@@ -94,13 +94,12 @@ int deploy(int argc, char** argv)
     record.name = name;
     record.site = site;
     record.current = planning.release();
-    planning.read_package();
     if (begunBefore)
         save(record);
     else
         save_new(record);
     extract_or_forget(record, begunBefore, words.package);
-    complete(record.current, site, planning.digests(), {});
+    complete(record.current, site, planning.sources(), {});
     save(record);
     if (words.options.script)
         run_release_script(record.current, site, "install");

@@ -69,27 +69,28 @@ DeployOptions next_options(const Words& words, const InstanceRecord& record)
 }
 
 /// Makes the tree to come. @throws Trouble with the running one as it was.
-void prepare(InstanceRecord& record, const Words& words, Release next, Planning& planning)
+void prepare(InstanceRecord& record, const Words& words, Release next,
+             const PackageSources& sources)
 {
     const Site copy = beside(record.site, record.exchange->directory);
     const Pending pending = copy_beside(record, next);
     if (extract(words.package, copy, next.options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted; the running application is as it was");
     complete_copy(record, pending);
-    complete(next, copy, planning.digests(), pending.changed);
+    complete(next, copy, sources, pending.changed);
     if (next.options.script)
         run_release_script(next, copy, "upgrade");
     record.exchange->release = std::move(next);
 }
 
 void upgrade_by_exchange(InstanceRecord& record, const Words& words, const Release& next,
-                         Planning& planning)
+                         const PackageSources& sources)
 {
     require_exchangeable(record.site);
     record.exchange = begun_exchange(record, "upgrade", next_name(location_of(record.site).name));
     save(record);
     try {
-        prepare(record, words, next, planning);
+        prepare(record, words, next, sources);
         exchange(record);
     } catch (...) {
         settle_exchange(record);
@@ -122,11 +123,12 @@ void delete_stale(const InstanceRecord& record, const Release& next)
         throw Trouble("files of the old release were not removed; the same command goes on");
 }
 
-void upgrade_in_place(InstanceRecord& record, const Words& words, Release next, Planning& planning)
+void upgrade_in_place(InstanceRecord& record, const Words& words, Release next,
+                      const PackageSources& sources)
 {
     if (extract(words.package, record.site, next.options.skipWebserverWrite) != 0)
         throw Trouble("the package was not extracted");
-    complete(next, record.site, planning.digests(), {});
+    complete(next, record.site, sources, {});
     delete_stale(record, next);
     if (next.options.script)
         run_release_script(next, record.site, "upgrade");
@@ -141,16 +143,15 @@ bool is_of_one_package(const Release& a, const Release& b)
 
 /// @param settled  whether a killed run has just been brought to its end: it may have been this
 /// one.
-void upgrade_to(InstanceRecord& record, const Words& words, const Release& next, Planning& planning,
-                bool settled)
+void upgrade_to(InstanceRecord& record, const Words& words, const Release& next,
+                const PackageSources& sources, bool settled)
 {
-    planning.read_package();
     if (words.inPlace && !words.force)
         require_feasible(words.package, record.site, next.options);
     if (words.inPlace)
-        upgrade_in_place(record, words, next, planning);
+        upgrade_in_place(record, words, next, sources);
     else if (!settled || !is_of_one_package(record.current, next))
-        upgrade_by_exchange(record, words, next, planning);
+        upgrade_by_exchange(record, words, next, sources);
 }
 
 }  // namespace
@@ -168,15 +169,21 @@ int upgrade(int argc, char** argv)
         throw Trouble("instance " + name + " is recorded as " + state_name(record.state));
     const std::string before = full_version(record.current);
     Planning planning(words.package, record.site, next_options(words, record));
-    if (!words.force)
-        require_sound(words.package);
+    const bool another = planning.full_version() != before;
+    if (another && !words.force)
+        require_sound(words.package);  // while the plan is made
     load_files(name, record.current);
     const Release next = planning.release();
+    const PackageSources sources = planning.sources();
     const bool settled = settle_exchange(record);
     const bool done = !words.force && !words.script
-        && is_installed_already(record.current, next, record.site, planning.sources());
+        && is_installed_already(record.current, next, record.site, sources);
+    // Of a package that is there already nothing can be wrong but what goes into an Apache file.
+    const bool uses = !done || !record.current.options.apacheConf.empty();
+    if (uses && !another && !words.force)
+        require_sound(words.package);
     if (!done)
-        upgrade_to(record, words, next, planning, settled);
+        upgrade_to(record, words, next, sources, settled);
     configure_apache(record.current, record.site);
     if (!words.inPlace)
         drop_kept(record, words.keep);

@@ -72,9 +72,13 @@ l 777 alice:oxacln: link=data/entries
 TEST_F(Upgrade, ExchangesTheTreeWithWhatTheSiteHasCollected)
 {
     use();
+    site_.shell("chmod 711 vhost/httpdocs/app/only");
     const std::string inode = site_.output("stat -c%i vhost/httpdocs/app | tr -d '\\n'");
     EXPECT_EQ(ctl({"upgrade", "new"}), prints("upgraded vhost-app from shop old-7 to shop new-7\n"));
-    EXPECT_EQ(site_.listing("vhost/httpdocs/app"), boost::replace_all_copy(std::string(kCollected), "#", "new"));
+    const std::string collected = boost::replace_all_copy(std::string(kCollected), "#", "new");
+    EXPECT_EQ(site_.listing("vhost/httpdocs/app"),
+              boost::replace_first_copy(collected, "d 755 alice:oxacln: data/fixed only",
+                                        "d 711 alice:oxacln: only\nd 755 alice:oxacln: data/fixed"));
     EXPECT_EQ(site_.output("stat -c'%i %a' vhost/httpdocs/.app.previous"), inode + " 700\n");
 
     // Who writes to a file writes to both; what is replaced, new or changed goes along.
@@ -88,8 +92,8 @@ TEST_F(Upgrade, ExchangesTheTreeWithWhatTheSiteHasCollected)
                      "only/*"),
         "1\n2\nq\nn\ngrownmore\noldold");
     EXPECT_EQ(ctl({"verify"}).out,
-              "vhost-app mode 0646 -> 0666 data/seed\nvhost-app changed data/seed\nvhost-app extra alice link\n"
-              "vhost-app extra alice own.txt\n");
+              "vhost-app mode 0646 -> 0666 data/seed\nvhost-app mode 0755 -> 0711 only\n"
+              "vhost-app changed data/seed\nvhost-app extra alice link\nvhost-app extra alice own.txt\n");
 
     // Forward again, then on: so many old trees are kept, the last one under its own name.
     EXPECT_EQ(ctl({"rollback"}).status, 0);
