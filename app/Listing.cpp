@@ -12,6 +12,7 @@
 #include <cstring>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 namespace fs = boost::filesystem;
 
@@ -71,11 +72,14 @@ private:
     void list_below(const std::string& path, TDescriptor directory)
     {
         for (const auto& [name, told] : read_directory(std::move(directory), full_name(path))) {
-            const std::string below = path_below(path, name);
+            std::string below = path_below(path, name);
             const EntryType type = settle_type(path, name, below, told);
+            if (type != EntryType::Directory) {
+                listed_.push_back({std::move(below), type});
+                continue;
+            }
             listed_.push_back({below, type});
-            if (type == EntryType::Directory)
-                enter(path, name, below);
+            enter(path, name, below);
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include "app/SiteUser.h"
 #include "ctl/Rehearsal.h"
+#include "ctl/SideBySide.h"
 #include "ctl/SourceCheck.h"
 #include "ctl/UndoScope.h"
 
@@ -11,6 +12,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace tarvik::ctl {
 
@@ -88,21 +91,27 @@ Preview preview_extraction(const InstallPlan& plan, const std::string& packageDi
     const SharedAccounts accounts = shared_accounts();
     const bool widens = !skipWebserverWrite && !plan.writableDirs.empty();
     TargetDirectories known(appDir);
-    Rehearsal rehearsal(packageDir, appDir, accounts, known);
     PlannedFiles files;
     for (const auto& [target, file] : plan.files)
         files.push_back(&file);
+    Rehearsal rehearsal(packageDir, appDir, accounts, known, files.size());
     const std::vector<Source> sources = check_sources(files, packageDir);
     for (std::size_t i = 0; i < files.size(); ++i)
         rehearsal.install(*files[i], sources[i]);
     if (widens)
         rehearsal.widen(plan);
-    Preview preview = rehearsal.finish();
+    Preview preview;
+    Preview undo;
+    do_both(
+        {[&] { preview = rehearsal.finish(); }, [&] { find_at_stake(files, appDir, known, undo); }},
+        files.size());
     if (widens) {
         for (Foreseen& missing : missing_accounts(accounts))
             preview.warnings.push_back(std::move(missing));
     }
-    find_at_stake(files, appDir, known, preview);
+    std::move(undo.warnings.begin(), undo.warnings.end(), std::back_inserter(preview.warnings));
+    preview.atStake = std::move(undo.atStake);
+    preview.removalEnds = std::move(undo.removalEnds);
     return preview;
 }
 

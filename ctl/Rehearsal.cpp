@@ -62,9 +62,12 @@ mode_t permissions(const Attributes& attributes)
 }  // namespace
 
 Rehearsal::Rehearsal(const std::string& packageDir, const std::string& appDir,
-                     const SharedAccounts& accounts, TargetDirectories& known)
+                     const SharedAccounts& accounts, TargetDirectories& known, std::size_t count)
     : packageDir_(packageDir), appDir_(appDir), accounts_(accounts), known_(known)
 {
+    preview_.steps.reserve(count);
+    pairs_.reserve(count);
+    pairSteps_.reserve(count);
 }
 
 void Rehearsal::install(const FSAInstallFileinfo& file, const Source& source)

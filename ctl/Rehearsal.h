@@ -25,8 +25,9 @@ class Rehearsal {
 public:
     /// The texts are borrowed.
     /// @param known  learns what the installation has come by when its undo begins; borrowed.
+    /// @param count  of files, about.
     Rehearsal(const std::string& packageDir, const std::string& appDir,
-              const SharedAccounts& accounts, TargetDirectories& known);
+              const SharedAccounts& accounts, TargetDirectories& known, std::size_t count);
 
     /// @param file  of a plan that outlives this.
     void install(const FSAInstallFileinfo& file, const Source& source);

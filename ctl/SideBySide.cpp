@@ -1,6 +1,7 @@
 #include "ctl/SideBySide.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace tarvik::ctl {
 
@@ -35,6 +36,26 @@ void side_by_side(const char* what, std::size_t count, const std::function<void(
     Pieces pieces(what, count);
     tarvik::side_by_side(worker_count(count, kPiecesWorthAThread, Work::Computes),
                          [&] { work(pieces); });
+}
+
+void do_both(const std::array<std::function<void()>, 2>& tasks, std::size_t count)
+{
+    tarvik::Pieces pieces(tasks.size());
+    std::array<std::exception_ptr, 2> failures;
+    const std::size_t workers = worker_count(count, kPiecesWorthAThread, Work::Computes);
+    tarvik::side_by_side(std::min(tasks.size(), workers), [&] {
+        for (std::size_t task = 0; pieces.take(task);) {
+            try {
+                tasks[task]();
+            } catch (...) {
+                failures[task] = std::current_exception();
+            }
+        }
+    });
+    for (const std::exception_ptr& failure : failures) {
+        if (failure)
+            std::rethrow_exception(failure);
+    }
 }
 
 }  // namespace tarvik::ctl

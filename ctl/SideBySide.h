@@ -3,6 +3,7 @@
 #include "app/Workers.h"
 #include "ctl/Output.h"
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <thread>
@@ -37,5 +38,9 @@ private:
  * @param work  called in each thread; takes pieces until none is left, and must not throw there.
  */
 void side_by_side(const char* what, std::size_t count, const std::function<void(Pieces&)>& work);
+
+/// Does both of two tasks that have to do with that many files, at once where it is worth a thread.
+/// @throws what the first one throws, or the second one.
+void do_both(const std::array<std::function<void()>, 2>& tasks, std::size_t count);
 
 }  // namespace tarvik::ctl

@@ -81,8 +81,8 @@ public:
         if (!all)
             preview_.removalEnds.push_back(
                 {shown.empty() ? "." : shown, std::strerror(rights.denial)});
-        for (const auto& [name, type] : entries)
-            all = add_entry(below, path, path_below(shown, name), {name, type}, rights) && all;
+        for (const ListedEntry& entry : entries)
+            all = add_entry(below, path, path_below(shown, entry.path), entry, rights) && all;
         return all;
     } catch (const fs::filesystem_error& e) {
         if (e.code().value() == EACCES && known_.knows(path)) {  // opened by then
@@ -94,7 +94,7 @@ public:
     }
 
 private:
-    bool add_entry(const std::string& below, const std::string& path, const std::string& shown,
+    bool add_entry(const std::string& below, const std::string& path, std::string shown,
                    const ListedEntry& entry, const Rights& rights)
     {
         const std::string& name = entry.path;
@@ -102,10 +102,13 @@ private:
             rights.sticky ? rights.denial_of(chain_.at(below), name.c_str()) : rights.denial;
         if (denial != rights.denial)
             preview_.removalEnds.push_back({shown, std::strerror(denial)});
+        if (!is_directory(below, name, entry.type)) {
+            preview_.atStake.push_back(denial == 0 ? std::move(shown) : "");
+            return denial == 0;
+        }
         const std::size_t index = preview_.atStake.size();
         preview_.atStake.push_back(denial == 0 ? shown : "");
-        if (!is_directory(below, name, entry.type)
-            || add(path_below(below, name), join(path, name), shown))
+        if (add(path_below(below, name), join(path, name), shown))
             return denial == 0;
         preview_.atStake[index].clear();
         return false;
