@@ -178,29 +178,19 @@ TEST_F(RunScript, TheScriptHasTheCallersProcessGroupButNotItsTerminalAndKeys)
     EXPECT_EQ(status, 0) << said;
 }
 
-TEST_F(RunScript, TheGuestbooksScriptDoesTheSameInItsThreeForms)
+TEST_F(RunScript, ThePackagesVersionTellsWhoNamesItsScript)
 {
-    site_.put("data/", "", 0775);
-    site_.shell("cp -r " ZENDREL_SOURCE_DIR
-                "/examples/packages/guestbook package; chmod 644 package/scripts/configure");
-    const std::string data = site_.docroot("data"), file = data + "/entries.txt";
-    const std::string lost = file + " has entries (1); use --force to lose them\n";
-    // Version, the package's own language, and the caller's file and language, which count by 1.1 and 1.2 only.
-    const std::string forms[][4] = {{"1.0", "perl", "?", "?"},
-                                    {"1.2", "?", "configure.php", "php"},
-                                    {"1.1", "?", "configure.sh", "binary"},
-                                    {"1.3", "perl", "?", "?"}};
-    for (const auto& [version, own, name, language] : forms) {
-        site_.shell("rm -f " + file + "\nsed -Ei 's/version=.{5}>/version=\"" + version + "\">/; s/(language>).*</\\1"
-                    + own + "</' package/APP-META.xml");
-        std::string said;
-        for (const std::string action : {"install", "remove"}) {
-            const Result result = run_script({"--script-file-name=" + name, "--script-language=" + language,
-                                              "--script-name=" + action, "--additional-script-params=--data=" + data});
-            said += std::to_string(result.status) + result.out + result.err;
-            site_.shell("echo Ann >>" + file);
-        }
-        EXPECT_EQ(said, "0install: created " + file + "\n3configure: remove: " + lost) << version << name;
+    // Version, the package's own language, the caller's file and language, and what is run.
+    const std::string cases[][5] = {{"1.0", "binary", "?", "?", "configure"},
+                                    {"1.1", "?", "mine", "binary", "mine"},
+                                    {"1.2", "?", "mine", "binary", "mine"},
+                                    {"1.3", "binary", "?", "?", "configure"}};
+    site_.write("package/scripts/mine", "#!/bin/sh\necho ${0##*/}\n", 0755);
+    for (const auto& [version, own, file, language, run] : cases) {
+        package(own, "#!/bin/sh\necho ${0##*/}\n");
+        site_.shell("sed -i 's/<application/& version=\"" + version + "\"/' package/APP-META.xml");
+        EXPECT_EQ(run_script({"--script-file-name=" + file, "--script-language=" + language}), prints(run + "\n"))
+            << version;
     }
 }
 
