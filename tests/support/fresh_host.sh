@@ -112,14 +112,7 @@ cat >"$SANDBOX_DIR/bin/apache2ctl" <<'END'
 ready() { grep -c 'resuming normal operations' /var/log/apache2/error.log 2>/dev/null; }
 before=$(ready)
 "$0.debian" "$@" || exit
-case ${1-} in
-    start | restart | graceful)
-        for _ in $(seq 3000); do
-            [ "$(ready)" = "$before" ] || break
-            sleep 0.01
-        done
-        ;;
-esac
+[ "$1" != graceful ] || until [ "$(ready)" != "$before" ]; do sleep 0.01; done
 END
 chmod +x "$SANDBOX_DIR/bin/apt-get" "$SANDBOX_DIR/bin/apache2ctl"
 PATH=$SANDBOX_DIR/bin:$bin:$PATH
