@@ -2,8 +2,6 @@
 
 #include <boost/filesystem.hpp>
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
@@ -236,21 +234,15 @@ bool Site::kills(const Words& command, const std::string& calls, int when) const
 
 Tree Site::tree(const std::string& below) const
 {
+    const Result found = run({"find", path(below), "-mindepth", "1", "-printf", "%P\\0%y %m %u:%g %l\\0"});
+    EXPECT_EQ(found, prints(found.out));
     Tree tree;
-    const fs::path top = path(below);
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top)) {
-        struct stat status;
-        EXPECT_EQ(0, ::lstat(entry.path().c_str(), &status));
-        const bool directory = S_ISDIR(status.st_mode), link = S_ISLNK(status.st_mode);
-        std::ostringstream line;
-        line << "-dl"[directory  ? 1
-                          : link ? 2
-                                 : 0]
-             << ' ' << std::oct << (status.st_mode & 07777) << ' ' << ::getpwuid(status.st_uid)->pw_name << ':'
-             << ::getgrgid(status.st_gid)->gr_name;
-        if (!directory)
-            line << ' ' << (link ? fs::read_symlink(entry).native() : read(entry.path().native()));
-        tree[entry.path().lexically_relative(top).native()] = line.str();
+    std::istringstream texts(found.out);
+    for (std::string name, line; std::getline(std::getline(texts, name, '\0'), line, '\0'); tree[name] = line) {
+        if (line[0] == 'f')
+            line = '-' + line.substr(1) + read(path(below) + '/' + name);
+        else if (line[0] == 'd')
+            line.pop_back();
     }
     return tree;
 }
