@@ -14,8 +14,6 @@ using namespace tarvik;
 
 namespace {
 
-int allocationsLeft = -1;  // before one fails
-
 void raise_number() { throw 5; }
 
 TEST(SystemError, HasATypeForWhoCatchesItAndATextForNobody)
@@ -111,21 +109,6 @@ TEST(WriteSignals, AreErrorsSoThatAFailedExtractionIsUndoneEvenIfNobodyListens)
     close(ends[1]);
 }
 
-TEST(TmpFile, LeavesNothingWithoutMemory)
-{
-    const Site site;
-    const std::string prefix = site.docroot("a name that takes an allocation");
-    for (int number = 0; allocationsLeft < 0; ++number) {
-        allocationsLeft = number;
-        try {
-            const TmpFile file(prefix, true);
-        } catch (const std::bad_alloc&) {
-            EXPECT_TRUE(site.tree().empty()) << number;
-        }
-    }
-    allocationsLeft = -1;
-}
-
 TEST(TmpFile, IsNotTakenForAStrayOneWhileItIsNew)
 {
     const Site site;
@@ -140,12 +123,3 @@ TEST(TmpFile, IsNotTakenForAStrayOneWhileItIsNew)
 }
 
 }  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    void* const memory = allocationsLeft < 0 || allocationsLeft-- > 0 ? std::malloc(size) : nullptr;
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
