@@ -69,16 +69,12 @@ zendrelctl deploy --www-root=host/httpdocs/my\\ p^x --instance='shop-t^--fo^
 <zendrelctl><deploy><--www-root=host/httpdocs/my page/x><--instance=shop-two><--force>
 zendrelctl remove --instance *
 <zendrelctl><remove><--instance><shop-one><shop-two>
-zendrelctl remove --instance=shop-t^
-<zendrelctl><remove><--instance=shop-two>
 zendrelctl verify --www-root=$dir/host/httpdocs --application-subdirectory=my^
 <zendrelctl><verify><--www-root=$dir/host/httpdocs><--application-subdirectory=my page>
 zendrelctl apache package --php=f^/run/x
 <zendrelctl><apache><package><--php=fpm:/run/x>
 zendrel --ru^--script-name *
 <zendrel><--run-application-script><--script-name><configure><disable><enable><install><query><remove><upgrade>
-zendrel --run-application-script --script-language *
-<zendrel><--run-application-script><--script-language><binary><mo-engine-tarvikrun><perl><php>
 zendrel --run-application-script --metadata-file= --script-name=up^--add^x --add^y
 <zendrel><--run-application-script><--metadata-file=><--script-name=upgrade><--additional-script-params=x><--additional-script-params=y>
 zendrel --extract-application --metadata-file= --user-n^ali^--metadata-f^
@@ -107,9 +103,8 @@ type_into "${setups%%$'\n'*}" <typed >expected
 type_everywhere typed expected
 while read -r command options; do
     for option in $options; do
-        for value in '' =1; do
-            zendrel "$command" "$option$value" </dev/null 2>&1 || true
-        done | grep -q 'unrecognised option' && echo "zendrel $command has no $option" && failed=1
+        said=$(zendrel "$command" "$option=1" </dev/null 2>&1 || true)
+        [[ $said != *'unrecognised option'* ]] || { echo "zendrel $command has no $option" && failed=1; }
     done
 done < <(sed 's/<zendrel>//; s/[<>]/ /g' expected)
 
