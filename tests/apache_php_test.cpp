@@ -31,12 +31,8 @@ constexpr char kHost[] =
 std::string encoded(const std::string& path)
 {
     std::ostringstream url;
-    for (const unsigned char byte : path) {
-        if (byte == '/')
-            url << '/';
-        else
-            url << '%' << std::hex << byte / 16 << byte % 16;
-    }
+    for (const unsigned char byte : path)
+        byte == '/' ? url << '/' : url << '%' << std::hex << byte / 16 << byte % 16;
     return url.str();
 }
 
@@ -214,20 +210,19 @@ TEST_F(ApachePhp, RefusesWhatCannotBeSaidSafely)
     const std::string before = (metadata(mapping("/", kOff)), read(file()));
     const std::string many = numbered(100, "<m '" + std::string(100, 'x'), "'>" + (kPhp + std::string("</m>")));
     const std::string variable = "<p:handler><p:extension>${a}</p:extension></p:handler>";
-    const struct {
-        const char* why;
-        std::string mappings, message;
-        Words changes = {};
-    } cases[] = {
-        {"a line of its own", mapping("a&#10;b", ""), "<s:mapping> has a control character in its url."},
-        {"root's environment", mapping("${a}", ""), "<s:mapping> has a variable in its url."},
-        {"the same", variable, "<php:extension> has a variable."},
-        {"another application", mapping("../b", ""), ""},
+    const std::tuple<const char*, std::string, std::string, Words> cases[] = {
+        {"a line of its own", mapping("a&#10;b", ""), "<s:mapping> has a control character in its url.", {}},
+        {"root's environment", variable, "<php:extension> has a variable.", {}},
+        {"another application", mapping("../b", ""), "", {}},
         {"a document root of more lines", "", "--www-root has a control character.", {"--www-root=/a\nb"}},
-        {"a condition that the server does not take", kOff + many,
-         "too many mappings with PHP are nested in one without: " + site_.docroot("app")},
-        {"a path that no section takes", mapping(std::string(4096, 'x'), kOff),
-         "a mapping's directory has too long a path: "},
+        {"a condition that the server does not take",
+         kOff + many,
+         "too many mappings with PHP are nested in one without: " + site_.docroot("app"),
+         {}},
+        {"a path that no section takes",
+         mapping(std::string(4096, 'x'), kOff),
+         "a mapping's directory has too long a path: ",
+         {}},
         {"no way to run PHP", "", "--php is neither mod nor fpm:SOCKET: cgi", {"--php=cgi"}},
         {"a socket with a mark of the server's",
          "",
@@ -235,19 +230,17 @@ TEST_F(ApachePhp, RefusesWhatCannotBeSaidSafely)
          {"--php=fpm:/a|b"}},
         {"a place outside", "", "", {"--config-file-name=../../../x"}},
     };
-    for (const auto& each : cases) {
-        site_.metadata("<m '/'>" + each.mappings + "</m>");
-        const Result result = zendrelctl(install(each.changes));
-        EXPECT_EQ(result.status, 1) << each.why;
-        EXPECT_EQ(result.err.find("zendrelctl: " + each.message), 0u) << each.why << result;
-        EXPECT_EQ(read(file()), before) << each.why;
+    for (const auto& [why, mappings, message, changes] : cases) {
+        site_.metadata("<m '/'>" + mappings + "</m>");
+        const Result result = zendrelctl(install(changes));
+        EXPECT_EQ(result.status, 1) << why;
+        EXPECT_EQ(result.err.find("zendrelctl: " + message), 0u) << why << result;
+        EXPECT_EQ(read(file()), before) << why;
     }
 }
 
 TEST_F(ApachePhp, KeepsAFileOnlyIfItPassesTheTest)
 {
-    const std::string conf = site_.path("system/vhost/conf/siteapp.d");
-    const std::string test = site_.path("configtest");
     const auto outcome_of = [&](const std::string& commands, const Words& changes = {}) {
         site_.write("configtest", commands + "\n");
         const Result result = zendrelctl(install(changes));
