@@ -82,6 +82,10 @@ d 757 alice:oxacln: data data/- data/.cache/open data/d
     }
     EXPECT_EQ(extract({"--application-subdirectory=a/b"}), warned);
     EXPECT_EQ(site_.listing("vhost/httpdocs/a/b"), expected);
+    // Two mappings whose path and URL make the same text are two.
+    site_.pack({"b/f", "bx/b/g"}, "<m '/' path='htdocs/bx/b'/><m 'x' path='htdocs'/>");
+    EXPECT_EQ(extract({"--application-subdirectory=two"}), says(0, ""));
+    EXPECT_EQ(site_.tree().count("two/x/b/f"), 1u);
 }
 
 TEST_F(Extract, FollowsPackagedLinksReplacesOthersAndLeavesForeignModes)
@@ -103,13 +107,6 @@ d 755 alice:oxacln: linked to-dir
 d 757 alice:oxacln: data
 l 777 root:root: used=elsewhere
 )");
-}
-
-TEST_F(Extract, TwoMappingsAreNotTakenForOne)
-{
-    site_.pack({"b/f", "bx/b/g"}, "<m '/' path='htdocs/bx/b'/><m 'x' path='htdocs'/>");
-    EXPECT_EQ(extract(), says(0, ""));
-    EXPECT_EQ(site_.tree().count("x/b/f"), 1u);
 }
 
 TEST_F(Extract, AnErrorTakesEverythingBackAndIsToldTwice)
@@ -174,31 +171,31 @@ TEST_F(Extract, MeetsTheFirstOfTwoErrorsAndWhatIsSpelledOrNestedOddly)
     const auto writable = [](const std::string& url, const std::string& path) {
         return "<m '" + url + "' path='" + path + "'><p:permissions writable='true'/></m>";
     };
-    const struct {
-        std::string prepare, mappings, error;
-        Words changes = {};
-    } cases[] = {
+    const std::tuple<std::string, std::string, std::string, Words> cases[] = {
         {"ln -s nowhere package/htdocs/a; install -d -o bob -g oxaserv vhost/httpdocs/bobs",
          "<m 'bobs' path='htdocs'/>",
          "Unable to change mode for @/vhost/httpdocs/bobs: Operation not permitted\n" + library
-             + "copy_file: No such file or directory: \"@/package/htdocs/a\", \"@/vhost/httpdocs/bobs/a\"(system:2)"},
-        {"mkdir -m 744 package/top; touch package/top/f", "<m '/'/>", "@/package/top/f: Permission denied"},
-        {"mkdir -m 700 package/s", "<m '/' path='s'/>", iterator},
-        {"mkdir -m 700 package/s", "<m '/' path='/'/>", iterator},
+             + "copy_file: No such file or directory: \"@/package/htdocs/a\", \"@/vhost/httpdocs/bobs/a\"(system:2)",
+         {}},
+        {"mkdir -m 744 package/top; touch package/top/f", "<m '/'/>", "@/package/top/f: Permission denied", {}},
+        {"mkdir -m 700 package/s", "<m '/' path='s'/>", iterator, {}},
+        {"mkdir -m 700 package/s", "<m '/' path='/'/>", iterator, {}},
         {"", "<m '/' path='htdocs'/>", "Unable to create directory new", {"--www-root=new"}},  // in one of root's
         {"",
          "<m 'zendrel-f' path='htdocs/f'/>",
          "Unable to change mode for /: Operation not permitted\n" + denied + "\"/zendrel-f\"(system:13)",
          {"--www-root="}},
-        {"echo >vhost/httpdocs/g; chmod 600 package/htdocs/f", "<m 'g/x' path='htdocs/f'/>", denied},
+        {"echo >vhost/httpdocs/g; chmod 600 package/htdocs/f", "<m 'g/x' path='htdocs/f'/>", denied, {}},
         {"ln -s httpdocs vhost/l",
          writable("/", "nowhere"),
          "Unknown type of file `@/vhost/l`",
          {"--www-root=" + site_.path("vhost/l")}},
-        {"mkdir -p vhost/httpdocs/z/full", "<m 'z/' path='htdocs/f'/>", library + "remove: Directory not empty: "},
-        {"", writable("data", "htdocs/f") + writable("data/", "nowhere"),
+        {"mkdir -p vhost/httpdocs/z/full", "<m 'z/' path='htdocs/f'/>", library + "remove: Directory not empty: ", {}},
+        {"",
+         writable("data", "htdocs/f") + writable("data/", "nowhere"),
          nowhere + "@/vhost/httpdocs/data/: Not a directory\n"
-             + "Unable to stat file  @/vhost/httpdocs/data/ mode: Not a directory\n"},
+             + "Unable to stat file  @/vhost/httpdocs/data/ mode: Not a directory\n",
+         {}},
     };
     for (const auto& [prepare, mappings, error, changes] : cases) {
         site_.shell("rm -rf package vhost/httpdocs/*");
@@ -337,15 +334,6 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
               "Source directory \"@/package/nowhere\" is not exist\n" + stale + stale);
 }
 
-TEST_F(Extract, NothingThatIsOpenReachesThePackage)
-{
-    site_.pack({"f"});
-    site_.shell("mkdir -m 700 secret; echo root >secret/f; ln -s /proc/self/fd/7 package/htdocs/z; exec "
-                "7<secret/f\n" ZENDREL_PROGRAM " "
-                + boost::join(site_.extract(), " ") + " 2>&- && exit 1 || test $? = 1");
-    EXPECT_TRUE(site_.tree().empty());
-}
-
 /// What a failing call makes of an installation, and which of its files stay.
 TEST_F(Extract, FailingCallsAreMetAndUndone)
 {
@@ -401,15 +389,6 @@ TEST_F(Extract, FailingCallsAreMetAndUndone)
     EXPECT_EQ(read(site_.docroot("a")), "cut short]");
 }
 
-TEST(PackagePath, IsWhatFollowsThePrefix)
-{
-    char path[4096] = "untouched";
-    EXPECT_EQ(get_orsa_application_path(path, "file:///") + get_orsa_application_path(path, "File:///ab"), 0);
-    EXPECT_STREQ(path, "untouched");
-    EXPECT_EQ(get_orsa_application_path(path, "file:///a"), 1);
-    EXPECT_STREQ(path, "a");
-}
-
 /// What no command asks for, but callers of the library may.
 TEST_F(Extract, EmptiesADocumentRootOnlyForAnApplicationThatTakesAllOfIt)
 {
@@ -424,6 +403,11 @@ TEST_F(Extract, EmptiesADocumentRootOnlyForAnApplicationThatTakesAllOfIt)
         EXPECT_EQ(site_.tree().count("own"), subdir == "." ? 0u : 1u);
     }
     EXPECT_EQ(site_.listing(), "\n- 644 alice:oxacln: f\n");
+    char path[4096] = "untouched";
+    EXPECT_EQ(get_orsa_application_path(path, "file:///") + get_orsa_application_path(path, "File:///ab"), 0);
+    EXPECT_STREQ(path, "untouched");
+    EXPECT_EQ(get_orsa_application_path(path, "file:///a"), 1);
+    EXPECT_STREQ(path, "a");
 }
 
 TEST_F(Extract, HostilePlansAreCarriedOutOrRefusedCheaply)
