@@ -134,17 +134,15 @@ TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
     const std::string php_line_end = "<m '/'><p:handler><p:extension>\n</p:extension></p:handler>"
                                      "<c:handler><c:disabled/></c:handler></m>";
     const std::string cgi_variable = "<m '/'><c:handler><c:extension>${A}</c:extension></c:handler></m>";
-    const struct {
-        std::string mappings, error;
-        Words changes = {};
-    } cases[] = {
+    const std::tuple<std::string, std::string, Words> cases[] = {
         {"<m '/' virtual='redirect' href='&#10;CustomLog \"|id\" x'/>",
-         "<s:mapping> has a control character in its href."},
-        {"<m '/' virtual='redirect' href='/${HOME}'/>", "<s:mapping> has a variable in its href."},
-        {"<m '${HOME}' virtual='redirect' href='/'/>", "<s:mapping> has a variable in its url."},
-        {odd, "<s:mapping> has a control character in its url."},
-        {php_line_end, "<php:extension> has a control character."},
-        {cgi_variable, "<cgi:extension> has a variable."},
+         "<s:mapping> has a control character in its href.",
+         {}},
+        {"<m '/' virtual='redirect' href='/${HOME}'/>", "<s:mapping> has a variable in its href.", {}},
+        {"<m '${HOME}' virtual='redirect' href='/'/>", "<s:mapping> has a variable in its url.", {}},
+        {odd, "<s:mapping> has a control character in its url.", {}},
+        {php_line_end, "<php:extension> has a control character.", {}},
+        {cgi_variable, "<cgi:extension> has a variable.", {}},
         {kBothOff, "--www-root has a control character.", line_end},
         {kBothOff, "--www-root has a variable.", {"--www-root=${A}"}},
         {redirect, "--application-subdirectory has a control character.", {"--application-subdirectory=\x1F"}},
@@ -152,9 +150,9 @@ TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
     };
     const std::string report =
         "255||XML occured during processing the package file " + site_.package("APP-META.xml") + ": ";
-    for (const auto& c : cases)
-        EXPECT_EQ(install(c.mappings, c.changes),
-                  report + (c.error[0] == '<' ? "Invalid package metadata file format: " : "") + c.error + "\n" + old);
+    for (const auto& [mappings, error, changes] : cases)
+        EXPECT_EQ(install(mappings, changes),
+                  report + (error[0] == '<' ? "Invalid package metadata file format: " : "") + error + "\n" + old);
 
     // What is left out need not fit.
     EXPECT_EQ(install(php_line_end, {"--disable-php-support=1"}), kSection + kCgiOff + kEnd);
@@ -194,7 +192,7 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
     const std::string directory = "system/vhost/conf/siteapp.d";
     site_.shell("mkdir -p " + directory + "/app.conf.newFOLDER; cd " + directory
                 + "; touch app.conf.newABCDE app.conf.newABCDEFG app.conf.newABC.EF "
-                  "app.confXnewABCDEF other; ln -s other app.conf.newLINKED");
+                  "app.confXnewABCDEF other; ln -s other app.conf.newLINKED; mkfifo app.conf.newPIPED1");
     const Tree kept = site_.tree(directory);
     const tarvik::TmpFile in_use(site_.path(directory + "/app.conf.new"), true);
     const auto left = [&](const std::string& result) {
@@ -210,11 +208,10 @@ TEST_F(WebserverConfig, RemovesWhatAKilledRunLeftBehind)
     EXPECT_EQ(remove(), says(0, ""));
     EXPECT_EQ(left("removal"), kept);
     // By a name alone, in the current directory.
-    site_.shell("cd " + directory + "; mkfifo app.conf.newPIPED1; touch app.conf.newA0z9Zb");
+    site_.write(directory + "/app.conf.newA0z9Zb", "text", 0600);
     ASSERT_EQ(chdir(site_.path(directory).c_str()), 0);
     tarvik::remove_stray_files("app.conf.new");
     ASSERT_EQ(chdir("/"), 0);
-    site_.shell("rm " + directory + "/app.conf.newPIPED1");  // fails unless it is there
     EXPECT_EQ(left("current directory"), kept);
 }
 
