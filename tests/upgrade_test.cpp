@@ -132,7 +132,6 @@ TEST_F(Upgrade, DoesNothingToWhatIsInstalledAlready)
 TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
 {
     use();
-    const std::string before = state();
     const std::string record = read(kStore + "vhost-app.json");
     site_.shell("cp -r new script; touch script/scripts/fails");
     site_.put("app/closed/", "", 0000, kAlice);
@@ -156,7 +155,6 @@ TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
     EXPECT_EQ(read(site_.docroot("app/own.txt")), "own\nupgrade\n");
     EXPECT_EQ(read(site_.docroot(".app.previous/own.txt")), "own\n");
     site_.shell("cd vhost/httpdocs; test $(stat -c%Y app/data/entries) = $(stat -c%Y .app.previous/data/entries)");
-    EXPECT_NE(before, used);
 }
 
 TEST_F(Upgrade, IsRefusedWhereNothingCanBeExchanged)
