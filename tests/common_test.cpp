@@ -61,21 +61,13 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
         EXPECT_EQ(shown(traceback), shown(other));
     }
     EXPECT_EQ(shown(Traceback(1000)), "Traceback addresses:\n");
-    // Without its innermost frame it begins at the second line; names are those of the source.
+    // Names are those of the source.
     struct : std::stringbuf {
-        std::ostringstream traces;
-        int sync() override
-        {
-            for (const std::size_t skip : {0, 1})
-                traces << Traceback(skip) << ';';
-            return 0;
-        }
+        std::string trace;
+        int sync() override { return trace = (std::ostringstream() << Traceback()).str(), 0; }
     } buffer;
     std::ostream(&buffer).flush();
-    const std::string both = buffer.traces.str(), whole = both.substr(0, both.find(';'));
-    const std::size_t first = whole.find('\t');
-    EXPECT_EQ(both, whole + ";" + whole.substr(0, first) + whole.substr(whole.find('\t', first + 1)) + ";");
-    EXPECT_NE(whole.find("(std::ostream::flush()+0x"), std::string::npos) << whole;
+    EXPECT_NE(buffer.trace.find("(std::ostream::flush()+0x"), std::string::npos) << buffer.trace;
 }
 
 TEST(TmpFile, IsAFileOfItsOwnAndCleansUpWithoutThrowing)
