@@ -9,7 +9,6 @@
 #include <syslog.h>
 
 #include <cerrno>
-#include <regex>
 
 using namespace sandbox;
 
@@ -56,7 +55,7 @@ TEST(Messages, GoToBothStreamsWithTheSystemErrorOrUpToTheThreshold)
         tarvik_log(LOG_INFO, "heard");
         exit(0);
     });
-    EXPECT_TRUE(std::regex_match(logged.err, std::regex("id\\[\\d+\\]: heard\n"))) << logged;
+    EXPECT_EQ(logged.err.substr(0, 3) + logged.err.substr(logged.err.find(']')), "id[]: heard\n");
 }
 
 TEST(Accounts, AreFoundByNameAndNumberElseReportedAndZero)
