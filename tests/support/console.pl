@@ -11,41 +11,18 @@ use warnings;
 use IPC::Open2;
 use Time::HiRes qw(sleep);
 
-sub read_blocks { # of a document, or of one of its sections
+sub commands { # of a document, or of one of its sections, each with what it prints
     my ($path, $heading) = split /#/, $_[0], 2;
     open my $in, '<', $path or die "$path: $!\n";
-    my ($block, $here, @blocks) = (undef, !defined $heading);
-    while (my $line = <$in>) {
-        if (defined $block && $line =~ /^```$/) {
-            $block = undef;
-        } elsif (defined $block) {
-            push @{$block->{lines}}, $line;
-        } elsif ($line =~ /^```(\w*)$/) {
-            $block = {place => "$path:" . ($. + 1), lines => []};
-            push @blocks, $block if $here && $1 eq 'console';
-        } elsif (defined $heading && $line =~ /^##+ (.*)$/) {
-            $here = $1 eq $heading;
-        }
-    }
-    die "$_[0]: no console blocks\n" if !@blocks;
-    return @blocks;
-}
-
-sub commands { # of a block, each with what it prints
-    my ($place, @lines) = ($_[0]{place}, @{$_[0]{lines}});
+    my $text = do { local $/; <$in> };
+    ($text) = $text =~ /^##+ \Q$heading\E\n(.*?)(?=^##|\z)/ms if defined $heading;
     my @commands;
-    while (defined(my $line = shift @lines)) {
-        if ($line !~ s/^# //) {
-            die "$place: output before the first command\n" if !@commands;
-            $commands[-1]{shown} .= $line;
-            next;
+    for ($text =~ /^```console\n(.*?)^```$/msg) {
+        while (/\G# ((?:.*\\\n)*(?:.*<<-?'?(\w+)'?.*\n(?:.*\n)*?\g2\n|.*\n))((?:(?!# ).*\n)*)/g) {
+            push @commands, {place => $path, text => $1, shown => $3};
         }
-        $line .= shift @lines while $line =~ /\\\n\z/ && @lines;
-        if (my ($end) = $line =~ /<<-?'?(\w+)'?/) {
-            $line .= shift @lines while @lines && $line !~ /^\Q$end\E\n\z/m;
-        }
-        push @commands, {place => $place, text => $line, shown => ''};
     }
+    die "$_[0]: no console blocks\n" if !@commands;
     return @commands;
 }
 
@@ -79,7 +56,7 @@ sub run { # in the shell; its output and status
 }
 
 my $failures = 0;
-my @commands = map { commands($_) } map { read_blocks($_) } @ARGV;
+my @commands = map { commands($_) } @ARGV;
 for my $at (0 .. $#commands) {
     my ($place, $text, $shown) = @{$commands[$at]}{qw(place text shown)};
     my ($output, $status) = run($text);
