@@ -43,7 +43,6 @@ protected:
         site_.shell("mkdir -p system/vhost/conf; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf\n"
                     "echo 'exec apache2 -f '$PWD'/httpd.conf -t -Dmpm_prefork -Dauthz_core -Dmime -Ddir' >configtest");
     }
-    ~ApachePhp() override { site_.shell("rm /etc/oxa/oxa.conf"); }
 
     Words command(const Words& changes = {}) const
     {

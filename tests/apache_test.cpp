@@ -13,7 +13,6 @@ constexpr char kInstall[] =
 class ApacheConfig : public testing::Test {
 protected:
     ApacheConfig() { site_.shell("mkdir -p system/vhost/conf; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf"); }
-    ~ApacheConfig() override { site_.shell("rm /etc/oxa/oxa.conf"); }
 
     const Site site_;
     Apache apache_ {

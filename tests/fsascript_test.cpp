@@ -58,7 +58,6 @@ TEST_F(RunScript, InterpretersAreTriedInTheirOrder)
                   program + " -d variables_order=EGPCS -d safe_mode=0 -d open_basedir= " + scripts_ + "/configure "
                       + action + "\n");
     }
-    site_.shell("rm /etc/oxa/oxa.conf");
 }
 
 TEST_F(RunScript, RefusesInItsOrderOfChecks)

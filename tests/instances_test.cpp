@@ -22,7 +22,6 @@ protected:
                        "</c:handler></m><m 'data'><p:permissions writable='true'/></m></m>");
         site_.shell("chown alice:oxacln vhost/httpdocs");
     }
-    ~Instances() override { site_.shell("rm -rf /var/lib/zendrel"); }
 
     /// A command on this site, and on the package where it takes one.
     Result ctl(const Words& words, const Words& changes = {}) const

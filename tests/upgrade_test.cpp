@@ -25,7 +25,6 @@ protected:
         site_.shell("ln -s nowhere bad/htdocs/dangling; chown alice:oxacln vhost/httpdocs");
         EXPECT_EQ(ctl({"deploy", "old"}).status, 0);
     }
-    ~Upgrade() override { site_.shell("rm -rf " + kStore); }
 
     Result ctl(const Words& words, const Words& changes = {}) const
     {
@@ -245,7 +244,6 @@ TEST(Visitors, LoseNothingAndSeeNoError)
     const std::string entries = read(site.docroot("app/data/entries.txt"));
     EXPECT_EQ(std::count(entries.begin(), entries.end(), '\n'), signed_book.size() / 4);
     EXPECT_GT(signed_book.size(), 100 * 4);
-    site.shell("rm -rf " + kStore);
 }
 
 }  // namespace

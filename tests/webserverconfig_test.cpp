@@ -25,7 +25,6 @@ protected:
         site_.shell("mkdir -p system/vhost/conf; echo HTTPD_VHOSTS_D $PWD >/etc/oxa/oxa.conf");
         umask(0);  // no reason to let others write
     }
-    ~WebserverConfig() override { site_.shell("rm /etc/oxa/oxa.conf"); }
 
     /// @return status, both streams, and what the configuration's directory holds, temporary files included.
     std::string install(const std::string& mappings, const Words& changes = {}) const

@@ -148,7 +148,11 @@ Site::Site()
     put("");
 }
 
-Site::~Site() { fs::remove_all(root_); }
+Site::~Site()
+{
+    for (const std::string& path : {root_, std::string("/etc/oxa/oxa.conf"), std::string("/var/lib/zendrel")})
+        fs::remove_all(path);
+}
 
 void Site::write(const std::string& below, const std::string& content, mode_t mode) const
 {

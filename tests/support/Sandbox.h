@@ -21,8 +21,8 @@
 
 /**
  * What the tests know of the host they run on (see sandbox.sh), a runner for one real process, and
- * sites to install into. Every `Site` is a new directory that removes itself. What nearly all tests need of
- * the system and of Boost comes along.
+ * sites to install into. Every `Site` is a new directory that removes itself, and what programs have been told
+ * and keep of it elsewhere. What nearly all tests need of the system and of Boost comes along.
  */
 namespace sandbox {
 
