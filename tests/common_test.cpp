@@ -5,8 +5,6 @@
 #include "common/misc.h"
 #include "tests/support/Sandbox.h"
 
-#include <sys/prctl.h>
-
 #include <iostream>
 
 using namespace sandbox;
@@ -99,19 +97,6 @@ TEST(WriteSignals, AreErrorsSoThatAFailedExtractionIsUndoneEvenIfNobodyListens)
     EXPECT_EQ(run(program + site.extract()), says(1, ""));
     EXPECT_TRUE(site.tree().empty());
     close(ends[1]);
-}
-
-TEST(TmpFile, IsNotTakenForAStrayOneWhileItIsNew)
-{
-    const Site site;
-    const pid_t sweeper = fork();
-    while (sweeper == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0)
-        remove_stray_files(site.docroot("file"));
-    int lost = 0;
-    for (int i = 0; i < 10000; ++i)
-        lost += access(TmpFile(site.docroot("file"), true).name().c_str(), F_OK) == 0 ? 0 : 1;
-    EXPECT_EQ(kill(sweeper, SIGKILL) + lost, 0);
-    EXPECT_EQ(waitpid(sweeper, nullptr, 0), sweeper);
 }
 
 }  // namespace
