@@ -156,10 +156,10 @@ TEST_F(ApachePhp, GivesPagesToProcessesOfTheirOwn)
 
     site_.shell("cat >fpm.conf <<END\n[global]\nerror_log = $PWD/fpm.log\n[www]\nuser = www-data\ngroup = www-data\n"
                 "listen = $PWD/php.sock\nlisten.owner = www-data\npm = static\npm.max_children = 1\nEND");
+    const std::string start = "exec /usr/sbin/php-fpm* -F -y " + site_.path("fpm.conf");
     const pid_t fpm = fork();
     if (fpm == 0)
-        _exit(
-            execl("/bin/sh", "sh", "-c", ("exec /usr/sbin/php-fpm* -F -y " + site_.path("fpm.conf")).c_str(), nullptr));
+        _exit(execl("/bin/sh", "sh", "-c", start.c_str(), nullptr));
     while (outcomes({"app/a.php"}) == "503 ")  // it does not listen yet
         ASSERT_EQ(waitpid(fpm, nullptr, WNOHANG), 0) << read(site_.path("fpm.log"));
     // As it is delivered, it runs no extension but its own.

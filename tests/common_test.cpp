@@ -46,8 +46,7 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
         reportException<std::exception>(original);
     });
     const std::string trace = printed.err.substr(printed.err.rfind("Traceback:\n\t"));
-    const std::string text =
-        trace + "Traceback addresses:\nFatal error: (anonymous namespace)::Tracked(tracked)\n" + trace;
+    const auto text = trace + "Traceback addresses:\nFatal error: (anonymous namespace)::Tracked(tracked)\n" + trace;
     EXPECT_EQ(printed, (Result {0, "flushed between late " + text, "flushed late " + text, 0}));
 
     // Assigned, one that was shown has other frames.

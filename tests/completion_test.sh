@@ -61,9 +61,7 @@ type_everywhere() { # TYPED_FILE EXPECTED_FILE
 
 # What is typed, then what comes of it.
 cat >cases <<END
-zendrelctl dep^--www^/x
-<zendrelctl><deploy><--www-root=/x>
-zendrelctl deploy pack^ --vhost-path=host/ht^my^x --skip^--wait 5 --forc^y
+zendrelctl dep^pack^ --vhost-path=host/ht^my^x --skip^--wait 5 --forc^y
 <zendrelctl><deploy><package/><--vhost-path=host/httpdocs/my page/x><--skip-webserver-write><--wait><5><--force><y>
 zendrelctl deploy --www-root=host/httpdocs/my\\ p^x --instance='shop-t^--fo^
 <zendrelctl><deploy><--www-root=host/httpdocs/my page/x><--instance=shop-two><--force>

@@ -42,11 +42,7 @@ fi
 (cd "$dir/all" && find . -type f | sort) >"$dir/whole"
 (cd "$dir/usr" && find . -type f && cd "$host" && find . -type f) | sort | diff "$dir/whole" -
 
-# All of the sample is commented out.
 cmp "$source/share/oxa.conf" "$host/share/zendrel/oxa.conf"
-if grep -v '^#' "$host/share/zendrel/oxa.conf" | grep .; then
-    exit 1
-fi
 
 # One version in all places.
 version=$(sed -n '1s/.*(\(.*\)).*/\1/p' "$source/debian/changelog")

@@ -183,8 +183,7 @@ TEST_F(Instances, TakeOneCommandAtATime)
     EXPECT_EQ(site_.listing(), "\n");
 
     // Of many that begin at once, one installs.
-    const std::string deploy =
-        ZENDREL_CONTROL_PROGRAM " " + boost::join(site_.ctl({"deploy", site_.path("package")}), " ");
+    const auto deploy = ZENDREL_CONTROL_PROGRAM " " + boost::join(site_.ctl({"deploy", site_.path("package")}), " ");
     const Result many =
         run({"sh", "-c", "for i in 1 2 3 4 5 6 7 8; do " + deploy + " --instance=i$i 2>/dev/null & done; wait"});
     EXPECT_EQ(std::count(many.out.begin(), many.out.end(), '\n'), 1) << many;

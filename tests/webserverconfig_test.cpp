@@ -101,7 +101,6 @@ TEST_F(WebserverConfig, LeavesAFileOnlyWhereSomethingIsToBeSaid)
     EXPECT_EQ(install(""), "0||\nd 755 root:root: siteapp.d\nl 777 root:root: siteapp.d/app.conf=nowhere\n");
     EXPECT_EQ(remove(), says(0, ""));
     EXPECT_EQ(remove(), says(0, ""));  // it is gone, and that is all that was wanted
-    EXPECT_EQ(remove({"--config-file-name=."}).status, 1);
     site_.shell("rm -r system/vhost/conf/siteapp.d");
     umask(077);  // which is stricter than asked for
     EXPECT_EQ(install(""), "0||\nd 700 root:root: siteapp.d\n");
@@ -147,8 +146,7 @@ TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
         {redirect, "--application-subdirectory has a control character.", {"--application-subdirectory=\x1F"}},
         {kBothOff, "--application-subdirectory has a variable.", {"--application-subdirectory=${A}"}},
     };
-    const std::string report =
-        "255||XML occured during processing the package file " + site_.package("APP-META.xml") + ": ";
+    const auto report = "255||XML occured during processing the package file " + site_.package("APP-META.xml") + ": ";
     for (const auto& [mappings, error, changes] : cases)
         EXPECT_EQ(install(mappings, changes),
                   report + (error[0] == '<' ? "Invalid package metadata file format: " : "") + error + "\n" + old);
@@ -160,8 +158,7 @@ TEST_F(WebserverConfig, KeepsEveryValueWithinItsLine)
 
 TEST_F(WebserverConfig, StaysBelowTheConfigurationOfItsHost)
 {
-    site_.shell(
-        "mkdir conf system/conf system/conf/siteapp.d; touch up.conf system/up.conf system/conf/siteapp.d/app.conf");
+    site_.shell("mkdir -p conf system/conf/siteapp.d; touch up.conf system/up.conf system/conf/siteapp.d/app.conf");
     const std::string before = site_.listing("system");
     const std::pair<std::string, std::string> refused[] = {
         {"/vhost", "../../up.conf"}, {"/vhost", "x/../../../../up.conf"}, {"/vhost", ".."},
