@@ -76,15 +76,6 @@ TEST_F(ApacheConfig, ServesTheGuestbookAsItsConfigurationAllowsThroughItsLife)
     for (const char* path : {"/", "/cgi-bin/guestbook.pl", "/docs/index.html", "/home"})
         EXPECT_EQ(apache_.get(path).substr(0, 4), "404 ") << path;
     EXPECT_NE(apache_.check("-Dplain"), 0);
-    // The server does not start with a blank in a redirection's target, one word too many, nor where two backslashes
-    // and an open quote draw the beginning of a section into it: the section's end stays. Nor with a
-    // target that is neither a URL nor a path.
-    const std::string section = "<m 'x'><c:handler><c:disabled/></c:handler></m>";
-    for (const std::string target : {"/a b", "\"/b\\\\", "b/c"}) {
-        site_.metadata(section + "<m 'old' virtual='redirect' href='" + target + "'/>");
-        site_.shell(kInstall);
-        EXPECT_NE(apache_.check("-Dalias"), 0) << target;
-    }
 }
 
 TEST_F(ApacheConfig, TakesPicturesIntoTheAlbumWholeAndUnderNamesThatNothingRuns)
