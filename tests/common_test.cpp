@@ -27,8 +27,7 @@ TEST(SystemError, HasATypeForWhoCatchesItAndATextForNobody)
     EXPECT_EQ(in_child([]() noexcept { throwSystemError("", ESRCH); }), dies("No such process"));
     EXPECT_EQ(in_child([]() noexcept { readFile("/no"); }), dies("/no: open failed: No such file or directory"));
     EXPECT_EQ(in_child([]() noexcept { readFile("/etc"); }), dies("/etc: read failed: Is a directory"));
-    EXPECT_EQ(in_child([]() noexcept { TmpFile("/no/", true); }),
-              dies("mkstemp() failed: : No such file or directory"));
+    EXPECT_EQ(in_child([]() noexcept { TmpFile("/n/", true); }), dies("mkstemp() failed: : No such file or directory"));
     EXPECT_EQ(readFile("/proc/self/exe"), read("/proc/self/exe"));
 }
 
@@ -58,13 +57,6 @@ TEST(UtilityErrorStream, RepeatsOnStandardOutputWhatIsFlushedAndShowsTracebacks)
         EXPECT_EQ(shown(traceback), shown(other));
     }
     EXPECT_EQ(shown(Traceback(1000)), "Traceback addresses:\n");
-    // Names are those of the source.
-    struct : std::stringbuf {
-        std::string trace;
-        int sync() override { return trace = (std::ostringstream() << Traceback()).str(), 0; }
-    } buffer;
-    std::ostream(&buffer).flush();
-    EXPECT_NE(buffer.trace.find("(std::ostream::flush()+0x"), std::string::npos) << buffer.trace;
 }
 
 TEST(TmpFile, IsAFileOfItsOwnAndCleansUpWithoutThrowing)

@@ -71,9 +71,7 @@ zendrelctl verify --www-root=$dir/host/httpdocs --application-subdirectory=my^
 <zendrelctl><verify><--www-root=$dir/host/httpdocs><--application-subdirectory=my page>
 zendrelctl apache package --php=f^/run/x
 <zendrelctl><apache><package><--php=fpm:/run/x>
-zendrel --ru^--script-name *
-<zendrel><--run-application-script><--script-name><configure><disable><enable><install><query><remove><upgrade>
-zendrel --run-application-script --metadata-file= --script-name=up^--add^x --add^y
+zendrel --ru^--metadata-file= --script-name=up^--add^x --add^y
 <zendrel><--run-application-script><--metadata-file=><--script-name=upgrade><--additional-script-params=x><--additional-script-params=y>
 zendrel --extract-application --metadata-file= --user-n^ali^--metadata-f^
 <zendrel><--extract-application><--metadata-file=><--user-name=alice><--metadata-f>
@@ -93,10 +91,7 @@ while read -r _ command _; do
 done <typed >expected
 type_everywhere typed expected
 
-for command in extract-application delete-application run-application-script install-apache-conf \
-    remove-apache-conf; do
-    echo "zendrel --$command --*"
-done >typed
+{ zendrel --help 2>&1 || true; } | sed -n 's/^ *\(--[a-z]*-[a-z-]*\).*/zendrel \1 --*/p' >typed
 type_into "${setups%%$'\n'*}" <typed >expected
 type_everywhere typed expected
 while read -r command options; do

@@ -161,9 +161,7 @@ TEST(Metadata, HostileFilesAreRefusedCheaply)
         doubled += boost::replace_all_copy("<!ENTITY % a" + std::to_string(i) + " '##'>", "#",
                                            "&#37;a" + std::to_string(i - 1) + ";");
     const std::tuple<const char*, std::string, std::string> cases[] = {
-        {"long-entity-named-often", "<!ENTITY a '" + large + "'>", "<m '" + numbered(8'000, "&a;", "") + "'/>"},
         {"many-with-an-attribute", "", numbered(33'400, "<a b='", "'/>")},
-        {"long-tag", "", "<m '" + std::string(900'000, 'a') + "'/>"},
         {"long-URL-above-many", "", "<m '" + large + "'>" + numbered(10'000, "<m '", "'/>") + "</m>"},
         {"long-URL-above-redirects", "",
          "<m '" + large + "'>" + numbered(400, "<m '", "' virtual='redirect' href='x'/>") + "</m>"},

@@ -107,8 +107,7 @@ TEST_F(RunScript, TheScriptHasItsArgumentsAndTheSiteUsersRightsAndNothingElse)
     package("binary", "#!/bin/sh\necho to nobody && echo nor this >&2\n");
     EXPECT_EQ(run_script({}, "0<&- 1>&- 2>&-"), says(0, ""));  // it has streams even if the caller has none
     package("binary", "#!/bin/sh\necho out; echo err >&2\n");  // who writes next does so at byte 2
-    EXPECT_EQ(run_script({}, "", {"sh", "-c", "\"$@\"; printf T; printf R >&2", "sh"}),
-              (Result {0, "ouT\n", "erR\n", 0}));
+    EXPECT_EQ(run_script({}, "", {"sh", "-c", "\"$@\"; printf T; printf R >&2", "sh"}), (Result {0, "ouT\n", "erR\n"}));
     package("binary", "#!/bin/sh\nkill -KILL $$\n");
     EXPECT_EQ(run_script().status, 255);
     EXPECT_EQ(run_script({}, "", {"env", "ASAN_OPTIONS=detect_leaks=0", "prlimit", "--nproc=0"}),

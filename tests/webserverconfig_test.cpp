@@ -40,9 +40,8 @@ protected:
 
     static Result remove(const Words& changes = {})
     {
-        const Words words = {"--remove-apache-conf", "--vhost-path=vhost",
-                             "--www-root=", "--config-file-name=app.conf"};
-        return zendrel(changed(words, changes));
+        return zendrel(changed(
+            {"--remove-apache-conf", "--vhost-path=vhost", "--www-root=", "--config-file-name=app.conf"}, changes));
     }
 
     const Site site_;

@@ -69,7 +69,6 @@ for my $at (0 .. $#commands) {
     next if $shown eq '' ? $status == 0 || $asked : $output =~ pattern($shown);
     print "FAILED: $place, status $status\n# $text--- shown\n$shown--- printed\n$output---\n";
     $failures++;
-    last if $failures == 5;  # the rest hangs on them
 }
 close $to;
 waitpid $pid, 0;
