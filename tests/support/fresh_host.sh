@@ -1,7 +1,8 @@
 #!/bin/sh
 # fresh_host.sh BIN_DIR SOURCE_DIR COMMAND...: inside sandbox.sh, runs a command on a host like one
 # where Debian's packages and zendrel's have just been installed and nothing else has been done: no
-# sites and no users of sites, Apache with the settings it comes with, an empty network of its own. Debian's package apache2 is unpacked in build/apache2, as fetch_apache.sh leaves it there.
+# sites and no users of sites, Apache with the settings it comes with, an empty network of its own.
+# Debian's package apache2 is unpacked in build/apache2, as fetch_apache.sh leaves it there.
 #
 # In a container that allows no mounts, the places are used themselves if they are free, and freed
 # again; if they are not, a line says so and the status is 77.
@@ -18,8 +19,6 @@ leave_out() { # WHY
 }
 
 [ -x "$apache/usr/sbin/apache2ctl" ] || leave_out "build/apache2 is missing; tests/support/fetch_apache.sh makes it"
-
-# --- Places ---------------------------------------------------------------------------------------
 
 cover() { # DIR: puts an empty one over it
     mkdir -p "$host$1"
@@ -73,8 +72,6 @@ else
 fi
 trap finish EXIT
 trap 'exit 130' INT TERM HUP
-
-# --- What packages leave behind -------------------------------------------------------------------
 
 for file in passwd group; do # zendrel's have the two groups
     grep -vE '^(alice|bob|carol|lost|editors):' "/etc/$file" | sed 's/^\(oxaserv:.*:\).*/\1www-data/' \
