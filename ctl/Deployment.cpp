@@ -170,12 +170,12 @@ void complete(Release& release, const Site& site, const PackageSources& sources,
         }
         return joined(texts);
     }));
-    auto next = told.begin();
+    std::size_t next = 0;
     for (RecordedFile& file : release.files) {
-        const auto mode = static_cast<mode_t>(std::stoul(*next++));
+        const auto mode = static_cast<mode_t>(std::stoul(told.at(next++)));
         file.directory = S_ISDIR(mode);
         file.mode = mode & kModeBits;
-        file.sha256 = *next++;
+        file.sha256 = told.at(next++);
     }
     release.filesId.clear();
 }

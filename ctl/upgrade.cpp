@@ -11,6 +11,7 @@
 
 #include <iostream>
 #include <set>
+#include <utility>
 
 namespace po = boost::program_options;
 
@@ -67,6 +68,32 @@ DeployOptions next_options(const Words& words, const InstanceRecord& record)
         options.scriptParameters = words.parameters;
     return options;
 }
+
+/// Looks the package over, at most once.
+class LookOver {
+public:
+    explicit LookOver(const Words& words) : package_(words.package), done_(words.force) { }
+
+    /// @throws Trouble when the package has mistakes.
+    void require_sound()
+    {
+        if (!std::exchange(done_, true))
+            ctl::require_sound(package_);
+    }
+    /// What a step fails on is told better by looking the package over.
+    template <class Step>
+    auto explained(const Step& step)
+    try {
+        return step();
+    } catch (const Trouble&) {
+        require_sound();
+        throw;
+    }
+
+private:
+    const PackageSource& package_;
+    bool done_;
+};
 
 /// Makes the tree to come. @throws Trouble with the running one as it was.
 void prepare(InstanceRecord& record, const Words& words, Release next,
@@ -168,20 +195,20 @@ int upgrade(int argc, char** argv)
     if (record.state != State::Installed)
         throw Trouble("instance " + name + " is recorded as " + state_name(record.state));
     const std::string before = full_version(record.current);
-    Planning planning(words.package, record.site, next_options(words, record));
-    const bool another = planning.full_version() != before;
-    if (another && !words.force)
-        require_sound(words.package);  // while the plan is made
+    LookOver lookOver(words);
+    Planning planning = lookOver.explained(
+        [&] { return Planning(words.package, record.site, next_options(words, record)); });
+    if (planning.full_version() != before)
+        lookOver.require_sound();  // while the plan is made
     load_files(name, record.current);
-    const Release next = planning.release();
+    const Release next = lookOver.explained([&] { return planning.release(); });
     const PackageSources sources = planning.sources();
     const bool settled = settle_exchange(record);
     const bool done = !words.force && !words.script
         && is_installed_already(record.current, next, record.site, sources);
-    // Of a package that is there already nothing can be wrong but what goes into an Apache file.
-    const bool uses = !done || !record.current.options.apacheConf.empty();
-    if (uses && !another && !words.force)
-        require_sound(words.package);
+    // Of a package that is there already nothing is used but what goes into an Apache file.
+    if (!done || !record.current.options.apacheConf.empty())
+        lookOver.require_sound();
     if (!done)
         upgrade_to(record, words, next, sources, settled);
     configure_apache(record.current, record.site);

@@ -132,7 +132,8 @@ TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
 {
     use();
     const std::string record = read(kStore + "vhost-app.json");
-    site_.shell("cp -r new script; touch script/scripts/fails");
+    site_.shell("cp -r new script; touch script/scripts/fails; cp -r old same; ln -s nowhere same/htdocs/dangling\n"
+                "cp -r old broken; echo '<x/>' >broken/APP-META.xml");
     site_.put("app/closed/", "", 0000, kAlice);
     const auto fails = [&](const Words& words, const std::string& message) {
         const Result result = ctl(words);
@@ -144,7 +145,8 @@ TEST_F(Upgrade, ThatFailsLeavesTheRunningTreeAsItWas)
     fails({"upgrade", "new"}, "closed cannot be taken over: Permission denied");
     site_.shell("rmdir vhost/httpdocs/app/closed; touch -d 2001-01-01 vhost/httpdocs/app/own.txt");
     const std::string used = state();
-    fails({"upgrade", "bad"}, "the package has mistakes; --force goes on with them");
+    for (const std::string mistaken : {"bad", "same", "broken"})
+        fails({"upgrade", mistaken}, "the package has mistakes; --force goes on with them");
     fails({"upgrade", "bad", "--force"}, "the package was not extracted; the running application is as it was");
     fails({"upgrade", "script", "--script", "--script-parameter={application}"},
           "the package's script ended upgrade with status 1");
