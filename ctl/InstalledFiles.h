@@ -16,11 +16,10 @@ struct InstalledFile {
     bool isSource = false;  ///< the package has the same content for it
 };
 
-/// What a package has for each of several paths; borrowed.
+/// What a package has for each of several paths, by paths in its directory. Borrowed.
 struct PackageSources {
     const std::string& directory;
-    const std::vector<std::string>&
-        paths;  ///< in it; ignored where something else than a file stands
+    const std::vector<std::string>& paths;
 };
 
 /**
