@@ -238,7 +238,9 @@ try {
     Listing listing = {{"", top}};
     if (top.is_directory()) {
         Exclusions exclusions(dir, others);
-        if (first_visit(*top.directory, exclusions.cover("")))
+        const bool excluded = exclusions.cover("");
+        top.directory->willBeOpened = !excluded;
+        if (first_visit(*top.directory, excluded))
             list_below(*top.directory, "", exclusions, listing);
     }
     Exclusions exclusions(dir, others);
@@ -257,7 +259,11 @@ void Rehearsal::list_below(Directory& directory, const std::string& path, Exclus
         const std::string below = path_below(path, name);
         const Entry entry = site_.at(directory, name);
         listing.emplace_back(below, entry);
-        if (entry.is_directory() && first_visit(*entry.directory, exclusions.cover(below)))
+        if (!entry.is_directory())
+            continue;
+        const bool excluded = exclusions.cover(below);
+        entry.directory->willBeOpened = !excluded;
+        if (first_visit(*entry.directory, excluded))
             list_below(*entry.directory, below, exclusions, listing);
     }
 }

@@ -197,7 +197,8 @@ bool SiteView::is_protected(const Directory& directory, const Attributes& entry)
 
 bool SiteView::is_opened(const Directory& directory) const
 {
-    return directory.attributes.owner == user_ && (directory.attributes.mode & S_IRWXU) == S_IRWXU;
+    return directory.attributes.owner == user_
+        && (directory.willBeOpened || (directory.attributes.mode & S_IRWXU) == S_IRWXU);
 }
 
 SiteView::Directory& SiteView::make_directory(Directory& in, std::string_view name, mode_t mode,

@@ -75,6 +75,7 @@ public:
         std::size_t step;       ///< that is about it
         bool walked[2];         ///< for who walks through the site in two ways
         Made made;
+        bool willBeOpened = false;  ///< to this process, once it has been listed
     };
 
     SiteView();

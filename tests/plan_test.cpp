@@ -269,6 +269,8 @@ TEST_F(Plan, TellsWhatFailsAndWhatThatTakesAlong)
         {"mkdir $d/data; ln -s ../own $d/data/l; chown alice $d/data",
          "fail data/l: neither a file nor a directory, in a writable mapping\n" + gone + none + "data/l\n" + rest},
         {"mkdir $d/data; ln -s ../own $d/data/l; chown alice $d/data", "", {"--skip-webserver-write"}},
+        {"mkdir -p $d/data/r; touch $d/data/r/f; chown -R alice $d/data; chmod 644 $d/data/r",
+         "warn data/r: cannot be looked into now: what happens there is not told\n"},
         {"rm -r data/in; mkdir -m 775 $d/data; chown bob:oxacln $d/data",
          "fail data: Operation not permitted\n" + gone + rest},
         {"", "fail @/nowhere: there is no such directory for the virtual host\n", {"--vhost-path=" + nowhere}},
