@@ -44,7 +44,7 @@ class Takeover {
 public:
     /// @param from, to  the trees, opened as places (O_PATH) and borrowed.
     Takeover(int from, int to, const TakeoverRules& rules)
-        : from_(from), to_(to), rules_(rules), targets_(to)
+        : from_(from), rules_(rules), targets_(to)
     {
     }
 
@@ -71,7 +71,7 @@ private:
     void leave_to_others(const std::string& path, int error);
     void settle_modes();
 
-    int from_, to_;
+    int from_;
     const TakeoverRules& rules_;
     DirectoryChain targets_;
     std::vector<Made> made_;
