@@ -42,7 +42,7 @@ std::size_t amount_of_work(const InstallPlan& plan, const std::string& packageDi
         struct stat status;
         if (at->second.type == EntryType::Regular
             && ::stat(join(packageDir, at->second.sourcePath).c_str(), &status) == 0)
-            amount += static_cast<std::size_t>(status.st_size) / kBytesLikeAFile;
+            amount += static_cast<std::size_t>(status.st_size / kBytesLikeAFile);
     }
     return amount;
 }

@@ -76,7 +76,7 @@ Digest DigestReader::read(int file, const struct stat& status,
     for (off_t left = status.st_size;;) {
         // No more than is there: finding the end would be another call for each file.
         const std::size_t wanted =
-            left <= 0 ? kPieceSize : std::min(kPieceSize, static_cast<std::size_t>(left));
+            left <= 0 ? kPieceSize : static_cast<std::size_t>(std::min<off_t>(kPieceSize, left));
         const ssize_t count = read_fully(file, buffer_.data(), wanted);
         if (count < 0)
             return {"", errno};
