@@ -188,7 +188,7 @@ std::vector<InstalledFile> installed_files(const std::vector<RecordedFile>& file
     for (std::size_t i = 0; i < files.size(); ++i) {
         const std::string& path = files[i].path;
         if (installed[i].mode == 0)
-            throw Trouble(directory + "/" + path + ": " + std::strerror(installed[i].error));
+            throw Trouble(path_below(directory, path) + ": " + std::strerror(installed[i].error));
         if (S_ISDIR(installed[i].mode) || installed[i].isSource)
             continue;
         if (theirs.count(path) == 0)
