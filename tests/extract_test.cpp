@@ -32,9 +32,9 @@ protected:
                     "export ASAN_OPTIONS=detect_leaks=0\nrm -f trace\nstrace -fo trace -e trace=" + calls
                         + " -e inject=" + injection + " prlimit --nproc=1 " ZENDREL_PROGRAM " \"$@\" &\n"
                         + (meanwhile.empty() ? ""
-                                             : "until grep -qs 'stopped by' trace; do kill -0 $! || exit 9; done\n"
-                                   + meanwhile + "\nkill -CONT $(sed 's/ .*//;q' trace)\n")
-                        + "wait $!\n");
+                                             : "until grep -qs 'stopped by' trace; do kill -0 $! || exit 9; done\n{ "
+                                   + meanwhile + "; } || late=9\nkill -CONT $(sed 's/ .*//;q' trace)\n")
+                        + "wait $! || exit ${late:-$?}\nexit ${late:-0}\n");
         return site_.plain(run(Words {"sh", "-ec", "cd " + site_.path() + "; . ./run", "sh"} + site_.extract(changes)));
     }
     /// A failed installation: its message is printed before and after the rollback.
@@ -302,7 +302,7 @@ TEST_F(Extract, RefusesInItsOrderOfChecks)
 TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
 {
     const std::string reset = "rm -rf aside vhost/httpdocs/*; cd package/htdocs/data/d; ";
-    const std::string swap = "mv vhost/httpdocs/data/d aside; ln -s $PWD/other vhost/httpdocs/data/d";
+    const std::string swap = "mv vhost/httpdocs/data/d aside && ln -s $PWD/other vhost/httpdocs/data/d";
     site_.shell("mkdir -p other/more; cd other; touch f more/f; cp -a . ../untouched; chown -R alice . ../untouched");
     site_.pack({}, kWithData);
     site_.shell("mkdir -p package/htdocs/data/d/more; cd package/htdocs/data/d; touch f more/f");
@@ -320,7 +320,7 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
     EXPECT_EQ(site_.listing(), "\n");
 
     site_.shell(reset + "rm ../../z");
-    const std::string move = "mv vhost/httpdocs/data/d aside; mv other vhost/httpdocs/data/d";
+    const std::string move = "mv vhost/httpdocs/data/d aside && mv other vhost/httpdocs/data/d";
     const std::string stale = "Unable to stat file  @/vhost/httpdocs/data/d mode: Stale file handle\n";
     EXPECT_EQ(traced("chmod:signal=STOP:when=1", move), fails(stale.substr(0, stale.size() - 1)));
     EXPECT_EQ(site_.listing("vhost/httpdocs/data/d"), site_.listing("untouched"));
@@ -329,7 +329,7 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
         "mv vhost/httpdocs/data/d other; rm -rf aside vhost/httpdocs/* package/htdocs/data/d; cp -a other third\n"
         "mkdir -p vhost/httpdocs/data/d; chown -R alice vhost/httpdocs/data");
     site_.pack({}, kWithData + std::string("<m 'data/d' path='nowhere'><p:permissions writable='true'/></m>"));
-    EXPECT_EQ(traced("chmod:signal=STOP:when=1", "rmdir vhost/httpdocs/data/d; mv third vhost/httpdocs/data/d").err,
+    EXPECT_EQ(traced("chmod:signal=STOP:when=1", "rmdir vhost/httpdocs/data/d && mv third vhost/httpdocs/data/d").err,
               "Source directory \"@/package/nowhere\" is not exist\n" + stale + stale);
 }
 
