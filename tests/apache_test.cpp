@@ -109,18 +109,6 @@ TEST_F(ApacheConfig, TakesPicturesIntoTheAlbumWholeAndUnderNamesThatNothingRuns)
         EXPECT_EQ(mode_of(site_.docroot(name)), 0644u);
     }
     EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 3u);
-
-    const auto script = [this](const Words& more) {
-        return zendrel(Words {"--run-application-script", site_.extract()[1], "--user-name=alice",
-                              "--script-file-name=", "--script-language=", "--php-cli=/usr/bin/php",
-                              "--additional-script-params=--data=" + site_.docroot("data")}
-                       + more);
-    };
-    EXPECT_EQ(script({"--script-name=upgrade"}).out, "upgrade: pictures kept: 2\n");
-    EXPECT_EQ(script({"--script-name=remove"}).status, 3);
-    EXPECT_EQ(script({"--script-name=remove", "--additional-script-params=--force"}).out,
-              "remove: removed pictures: 2\n");
-    EXPECT_EQ(site_.tree("vhost/httpdocs/data").size(), 1u);
 }
 
 }  // namespace

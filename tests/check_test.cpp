@@ -228,9 +228,7 @@ TEST_F(Check, TellsProgramsWhichVersionItIs)
                      R"(nothing is installed of it"}]})",
                      2));
     site_.write("package/APP-META.xml", "<nothing/>");
-    const Result broken = check({"--json"});
-    EXPECT_EQ(broken.out.find("{\n  \"findings\": [\n    {\n"), 0U) << broken;
-    EXPECT_EQ(broken.status, 2);
+    EXPECT_EQ(check({"--json"}).out.find("{\n  \"findings\": [\n    {\n"), 0U);
 }
 
 TEST_F(Check, TakesLittleTimeAndMemoryForHostileMetadata)
