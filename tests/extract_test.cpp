@@ -30,11 +30,11 @@ protected:
         const std::string calls = injection.substr(0, injection.find(':'));
         site_.write("run",
                     "export ASAN_OPTIONS=detect_leaks=0\nrm -f trace\nstrace -fo trace -e trace=" + calls
-                        + " -e inject=" + injection + " prlimit --nproc=1 " ZENDREL_PROGRAM " \"$@\" &\n"
+                        + " -e inject=" + injection + " prlimit --nproc=1 " ZENDREL_PROGRAM " \"$@\" 2>err &\n"
                         + (meanwhile.empty() ? ""
                                              : "until grep -qs 'stopped by' trace; do kill -0 $! || exit 9; done\n{ "
                                    + meanwhile + "; } || late=9\nkill -CONT $(sed 's/ .*//;q' trace)\n")
-                        + "wait $! || exit ${late:-$?}\nexit ${late:-0}\n");
+                        + "wait $! || end=$?\ncat err >&2\nexit ${late:-${end:-0}}\n");
         return site_.plain(run(Words {"sh", "-ec", "cd " + site_.path() + "; . ./run", "sh"} + site_.extract(changes)));
     }
     /// A failed installation: its message is printed before and after the rollback.
@@ -306,10 +306,11 @@ TEST_F(Extract, ASwappedDirectoryLeadsNobodyIntoAnother)
     site_.shell("mkdir -p other/more; cd other; touch f more/f; cp -a . ../untouched; chown -R alice . ../untouched");
     site_.pack({}, kWithData);
     site_.shell("mkdir -p package/htdocs/data/d/more; cd package/htdocs/data/d; touch f more/f");
-    const std::tuple<const char*, std::string, const char*> swaps[] = {
+    const std::string message = "write:signal=STOP:when=1 -P $PWD/err";  // checkers write elsewhere, too
+    const std::tuple<const char*, std::string, std::string> swaps[] = {
         {"the first is the mapping itself", "touch f", "chmod:signal=STOP:when=2"},
-        {"within more: d is come back to", "echo x >more/f; mkfifo z", "write:signal=STOP:when=1"},
-        {"at the message, with everything still there", "rm z; : >more/f; mkfifo ../../z", "write:signal=STOP:when=1"},
+        {"within more: d is come back to", "echo x >more/f; mkfifo z", message},
+        {"at the message, with everything still there", "rm z; : >more/f; mkfifo ../../z", message},
     };
     for (const auto& [why, prepare, injection] : swaps) {
         site_.shell(reset + prepare);
