@@ -1,6 +1,5 @@
 #include "ctl/Manifest.h"
 
-#include "app/InstallPlan.h"
 #include "app/SiteUser.h"
 #include "app/TargetDirectories.h"
 #include "ctl/Digest.h"
@@ -13,11 +12,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <sstream>
 #include <string_view>
 #include <unordered_set>
 

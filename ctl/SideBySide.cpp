@@ -12,14 +12,6 @@ constexpr std::size_t kRun = 64;
 
 }  // namespace
 
-bool Pieces::take(std::size_t& piece)
-{
-    const bool taken = pieces_.take(piece);
-    if (std::this_thread::get_id() == shower_)
-        progress_.show(piece);
-    return taken;
-}
-
 bool Pieces::take(std::size_t& begin, std::size_t& end)
 {
     std::size_t run = 0;

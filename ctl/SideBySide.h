@@ -18,10 +18,9 @@ public:
     {
     }
 
-    /// @param piece  receives the number of one that nobody else gets. @return false: none is left.
-    bool take(std::size_t& piece);
-    /// The same for a run of them, so that threads are in different directories most of the time.
-    /// @param end  receives the number behind the last.
+    /// Takes a run of them, so that threads are in different directories most of the time.
+    /// @param begin  receives the number of the first one, which nobody else gets.
+    /// @param end    receives the number behind the last. @return false: none is left.
     bool take(std::size_t& begin, std::size_t& end);
 
 private:

@@ -6,12 +6,12 @@
 #include "ctl/Trouble.h"
 #include "ctl/commands.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <unordered_set>
+#include <utility>
 
 namespace tarvik::ctl {
 
